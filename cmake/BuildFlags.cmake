@@ -1,0 +1,19 @@
+# Warnings and sanitizer flags travel on an interface target that each of the
+# project's own targets links privately; nothing is set globally.
+add_library(talvoem_build_flags INTERFACE)
+target_compile_options(talvoem_build_flags INTERFACE -Wall -Wextra)
+if(TALVOEM_WERROR)
+  target_compile_options(talvoem_build_flags INTERFACE -Werror)
+endif()
+
+if(TALVOEM_SANITIZE STREQUAL "address")
+  set(_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+elseif(TALVOEM_SANITIZE STREQUAL "thread")
+  set(_san -fsanitize=thread)
+elseif(NOT TALVOEM_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "TALVOEM_SANITIZE must be empty, address or thread")
+endif()
+if(_san)
+  target_compile_options(talvoem_build_flags INTERFACE ${_san})
+  target_link_options(talvoem_build_flags INTERFACE ${_san})
+endif()

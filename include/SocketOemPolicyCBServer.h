@@ -1,0 +1,57 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "IOemPolicyCB.h"
+
+// The service end of one policy-callback channel: the service reports changes
+// to onPolicyChanged, and a send thread writes them to the client in order.
+//
+// Threads: the connection thread runs observe(), which sends the registration
+// reply, starts the send thread (loopSend) and runs the receive loop
+// (loopRecv) until the client disposes of the channel or the connection
+// breaks; any service thread may call onPolicyChanged meanwhile.
+//
+// Lock: mutex_ guards fd_, pending_, running_ and sendThread_; wakeUp_ is
+// signalled when a message is queued and when the channel stops. The send
+// thread sends while holding mutex_, so the exit message (sent after the join)
+// is always last. The receive loop reads fd_ without the lock: only it and
+// internalDispose, on the same thread, change the descriptor's validity.
+//
+// Ownership: the descriptor is borrowed; the connection thread closes it after
+// observe() returns. Messages queued at shutdown are discarded unsent.
+class SocketOemPolicyCBServer : public IOemPolicyCB {
+public:
+    explicit SocketOemPolicyCBServer(int fd);
+    ~SocketOemPolicyCBServer() override;
+
+    // Queues a notify message (cmd 1); dropped while the channel is not running.
+    void onPolicyChanged(uint16_t type, std::string* data) override;
+    void addData(std::string& msg);
+
+    // 0 after the channel ran and ended; 1 for an invalid descriptor; 2 when
+    // the registration reply could not be sent. Throws std::system_error if the
+    // send thread cannot be created.
+    int observe();
+    void loopRecv();
+    static void sendHandlerThread(SocketOemPolicyCBServer* self);
+    void loopSend();
+    // Stops the send thread, discards what is queued and sends the exit message
+    // (cmd 2) once. Safe to call more than once.
+    void internalDispose();
+    void resetSocketFd();
+
+private:
+    int fd_;
+    std::deque<std::string> pending_;
+    std::mutex mutex_;
+    std::condition_variable wakeUp_;
+    std::shared_ptr<std::thread> sendThread_;
+    bool running_;
+};

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "IOemPolicyCBFactory.h"
+#include "IOemQuery.h"
+
+class SocketOemPolicyCBServer;
+
+// The service end of the library. A service derives from it, supplies
+// queryPolicy and setPolicyCallback, and runs init() on a thread of its own.
+//
+// Threads: init() is the listener; each accepted connection runs
+// svcHandlerThread on its own detached thread, which owns and closes the
+// connection's descriptor. queryPolicy is entered from many connection threads
+// at once with no lock held: the service makes it thread-safe.
+//
+// Lock: channelLock_ (a timed mutex, tried for 500 ms) is held by
+// observePolicyCallback for the whole life of a callback channel, so a server
+// has at most one; channel_ is read and written only under it.
+//
+// Ownership: the factory is borrowed and never deleted. Each channel and each
+// factory-made callback is created and deleted by observePolicyCallback.
+// Connection threads are never joined: the derived object must outlive them.
+class SocketOemQueryServer : public IOemQuery {
+public:
+    explicit SocketOemQueryServer(IOemPolicyCBFactory* factory);
+    ~SocketOemQueryServer() override;
+
+    // Takes the control socket "talvoem", listens (backlog 20) and accepts
+    // forever, one detached thread per connection. Returns -1 only, when the
+    // socket is missing or listen or accept fails (the socket is closed then).
+    // Throws std::system_error if a connection thread cannot be created.
+    int8_t init();
+
+    // Body of a connection thread: one request, one optional response, close.
+    // `fd` is owned by the thread.
+    static void svcHandlerThread(SocketOemQueryServer* server, int fd);
+
+    // Turns one request into the response to send (empty: send nothing).
+    // Returns the service's queryPolicy status for a query, 0 otherwise.
+    int8_t onTransact(int fd, std::string& request, std::string& response);
+
+    // Answers a "setPolicyCallback" request of `type` on the connection `fd`
+    // (borrowed); type 1 runs a channel until it ends. Always returns 0.
+    int handlePolicyCallback(int fd, uint16_t type, std::string& response);
+
+    // Sets up a channel on `fd` (borrowed) and blocks for its whole life.
+    // 0 when it ran and ended, 1 or 2 when it could not start, -1 when the
+    // channel lock or the callback could not be had.
+    int observePolicyCallback(int fd, IOemPolicyCBFactory* factory);
+
+private:
+    IOemPolicyCBFactory* factory_;
+    SocketOemPolicyCBServer* channel_;  // guarded by channelLock_
+    std::timed_mutex channelLock_;
+};

@@ -1,0 +1,197 @@
+#include "json/JsonText.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "talvoem/Log.h"
+
+namespace talvoem::json {
+
+namespace {
+
+// Skips a string literal starting at text[i] == quote; returns the index after
+// its closing quote (or the end of text).
+size_t skipString(const std::string& text, size_t i) {
+    for (++i; i < text.size(); ++i) {
+        if (text[i] == '\\') {
+            ++i;
+        } else if (text[i] == '"') {
+            return i + 1;
+        }
+    }
+    return text.size();
+}
+
+// Skips a comment starting at text[i] == '/'; returns the index after it.
+size_t skipComment(const std::string& text, size_t i) {
+    if (i + 1 >= text.size()) {
+        return i + 1;
+    }
+    if (text[i + 1] == '/') {
+        size_t end = text.find_first_of("\r\n", i + 2);
+        return end == std::string::npos ? text.size() : end;
+    }
+    if (text[i + 1] == '*') {
+        size_t end = text.find("*/", i + 2);
+        return end == std::string::npos ? text.size() : end + 2;
+    }
+    return i + 1;
+}
+
+bool isSeparator(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == ',' || c == ':' || c == ']' ||
+           c == '}';
+}
+
+}  // namespace
+
+bool exceedsNestingLimit(const std::string& text) {
+    // A value inside 1000 containers needs at least 1001 bytes.
+    if (text.size() <= static_cast<size_t>(kMaxEnclosingContainers)) {
+        return false;
+    }
+    int depth = 0;
+    size_t i = 0;
+    while (i < text.size()) {
+        const char c = text[i];
+        if (c == '/') {
+            i = skipComment(text, i);
+            continue;
+        }
+        if (c == ']' || c == '}') {
+            depth = depth > 0 ? depth - 1 : 0;
+            ++i;
+            continue;
+        }
+        if (isSeparator(c)) {
+            ++i;
+            continue;
+        }
+        // Anything else starts a value (or an object key, which sits at the
+        // same depth as the member value that must follow it).
+        if (depth >= kMaxEnclosingContainers) {
+            return true;
+        }
+        if (c == '[' || c == '{') {
+            ++depth;
+            ++i;
+        } else if (c == '"') {
+            i = skipString(text, i);
+        } else {
+            ++i;
+        }
+    }
+    return false;
+}
+
+// Json::Reader and Json::FastWriter are deprecated upstream but are the
+// parser and writer the wire format is defined by.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+bool parse(const std::string& text, Json::Value& root) {
+    if (exceedsNestingLimit(text)) {
+        return false;
+    }
+    Json::Reader reader;
+    return reader.parse(text, root, true);
+}
+
+void write(const Json::Value& root, std::string& text) {
+    Json::FastWriter writer;
+    text = writer.write(root);
+}
+
+#pragma GCC diagnostic pop
+
+namespace {
+
+// The member under `key` when it is present and not null, else nullptr.
+const Json::Value* member(const Json::Value& object, const char* key) {
+    if (!object.isObject()) {
+        return nullptr;
+    }
+    const Json::Value* value = object.find(key, key + strlen(key));
+    return value != nullptr && !value->isNull() ? value : nullptr;
+}
+
+}  // namespace
+
+bool readString(const Json::Value& object, const char* key, std::string& field) {
+    const Json::Value* value = member(object, key);
+    if (value == nullptr) {
+        return true;
+    }
+    if (!value->isConvertibleTo(Json::stringValue)) {
+        return false;
+    }
+    field = value->asString();
+    return true;
+}
+
+bool readInt32(const Json::Value& object, const char* key, int32_t& field) {
+    const Json::Value* value = member(object, key);
+    if (value == nullptr) {
+        return true;
+    }
+    if (!value->isConvertibleTo(Json::intValue)) {
+        return false;
+    }
+    field = value->asInt();
+    return true;
+}
+
+bool readUInt16(const Json::Value& object, const char* key, uint16_t& field) {
+    if (member(object, key) == nullptr) {
+        return true;
+    }
+    int32_t wide = 0;
+    if (!readInt32(object, key, wide)) {
+        return false;
+    }
+    field = static_cast<uint16_t>(static_cast<uint32_t>(wide) & 0xFFFFu);
+    return true;
+}
+
+bool readBool(const Json::Value& object, const char* key, bool& field, bool whenAbsent) {
+    const Json::Value* value = member(object, key);
+    if (value == nullptr) {
+        field = whenAbsent;
+        return true;
+    }
+    if (!value->isConvertibleTo(Json::booleanValue)) {
+        return false;
+    }
+    field = value->asBool();
+    return true;
+}
+
+void putString(Json::Value& object, const char* key, const std::string& value) {
+    if (!value.empty()) {
+        object[key] = Json::Value(value);
+    }
+}
+
+void putUInt16(Json::Value& object, const char* key, uint16_t value) {
+    if (value != 0) {
+        object[key] = Json::Value(static_cast<int>(value));
+    }
+}
+
+void logFailure(const char* failureLog) {
+    if (failureLog != nullptr) {
+        TALVOEM_LOGW("%s", failureLog);
+    }
+}
+
+void onCodecException(const char* failureLog, const std::exception& e) {
+#if defined(TALVOEM_CODEC_ABORT_ON_EXCEPTION)
+    TALVOEM_LOGE("codec reached jsoncpp's throwing path: %s", e.what());
+    abort();
+#else
+    (void)e;
+    logFailure(failureLog);
+#endif
+}
+
+}  // namespace talvoem::json

@@ -1,0 +1,154 @@
+#include "SocketOemPolicyCBServer.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include "OemJsonUtils.h"
+#include "SocketTransport.h"
+#include "talvoem/Log.h"
+
+namespace {
+constexpr uint16_t kCmdNotify = 1;
+constexpr uint16_t kCmdExit = 2;
+constexpr uint16_t kTypeDispose = 2;
+}  // namespace
+
+SocketOemPolicyCBServer::SocketOemPolicyCBServer(int fd) : fd_(fd), running_(false) {}
+
+SocketOemPolicyCBServer::~SocketOemPolicyCBServer() {
+    bool running;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        running = running_;
+    }
+    if (running) {
+        TALVOEM_LOGD("Server policy callback is still running, force stop.");
+        internalDispose();
+    }
+}
+
+void SocketOemPolicyCBServer::onPolicyChanged(uint16_t type, std::string* data) {
+    // Serialised on the reporting thread, before any lock is taken.
+    OemJsonUtils::SetPolicyCallback::Callback cb;
+    cb.cmd = kCmdNotify;
+    cb.type = type;
+    if (data != nullptr) {
+        cb.data = *data;
+    }
+    std::string text;
+    OemJsonUtils::SetPolicyCallback::toJson(cb, text);
+    addData(text);
+}
+
+void SocketOemPolicyCBServer::addData(std::string& msg) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!running_ || !sendThread_) {
+            return;
+        }
+        pending_.push_back(msg);
+    }
+    wakeUp_.notify_all();
+}
+
+int SocketOemPolicyCBServer::observe() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (fd_ < 0) {
+            TALVOEM_LOGE("Server can not observe callback with invalid fd.");
+            return 1;
+        }
+        OemJsonUtils::Resp reply;
+        reply.msg = "success";
+        std::string text;
+        OemJsonUtils::toJson(reply, text);
+        // The reply goes out before the send thread exists, so it is always
+        // the first packet of the channel.
+        if (sendMsg(fd_, text) != 0) {
+            return 2;
+        }
+        sendThread_ = std::make_shared<std::thread>(sendHandlerThread, this);
+        running_ = true;
+    }
+    loopRecv();
+    return 0;
+}
+
+void SocketOemPolicyCBServer::loopRecv() {
+    int fd;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        fd = fd_;
+    }
+    for (;;) {
+        std::string text;
+        if (recvMsg(fd, text) < 1) {
+            TALVOEM_LOGE("Server policy callback connection with client interrupted.");
+            break;
+        }
+        // Read with the query-request reader: only "type" matters here.
+        OemJsonUtils::QueryPolicy::Req req;
+        if (OemJsonUtils::QueryPolicy::fromJson(text, req) != 0) {
+            TALVOEM_LOGW("Server policy callback recv unknow request");
+            continue;
+        }
+        if (req.type == kTypeDispose) {
+            break;
+        }
+        TALVOEM_LOGW("Server policy callback recv unexpected type %d", req.type);
+    }
+    internalDispose();
+}
+
+void SocketOemPolicyCBServer::sendHandlerThread(SocketOemPolicyCBServer* self) {
+    self->loopSend();
+}
+
+void SocketOemPolicyCBServer::loopSend() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        wakeUp_.wait(lock, [this] { return !pending_.empty() || !running_; });
+        if (!running_) {
+            return;
+        }
+        // Sent under the lock: a dispose cannot slip its exit message in
+        // between, and reporters wait for a send in progress.
+        if (sendMsg(fd_, pending_.front()) != 0) {
+            TALVOEM_LOGE("Server not able to send msg, error - %s", strerror(errno));
+        }
+        pending_.pop_front();
+    }
+}
+
+void SocketOemPolicyCBServer::internalDispose() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (running_) {
+        std::deque<std::string> discarded;
+        discarded.swap(pending_);
+        running_ = false;
+        std::shared_ptr<std::thread> sendThread = sendThread_;
+        lock.unlock();
+        wakeUp_.notify_all();
+        if (sendThread && sendThread->joinable()) {
+            sendThread->join();
+        }
+        lock.lock();
+    }
+    if (fd_ < 0) {
+        return;
+    }
+    OemJsonUtils::SetPolicyCallback::Callback exitMsg;
+    exitMsg.cmd = kCmdExit;
+    std::string text;
+    OemJsonUtils::SetPolicyCallback::toJson(exitMsg, text);
+    sendMsg(fd_, text);
+    lock.unlock();
+    resetSocketFd();
+}
+
+void SocketOemPolicyCBServer::resetSocketFd() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (fd_ >= 0) {
+        fd_ = -1;
+    }
+}

@@ -1,0 +1,58 @@
+#include "OemJsonUtils.h"
+#include "SocketOemQueryServer.h"
+#include "talvoem/Log.h"
+
+namespace {
+
+// Written without the codec, hence no trailing line feed.
+constexpr const char* kQueryFailedText = "{\"code\":-1,\"msg\":\"failed\"}";
+
+void writeError(std::string& response, int32_t code, const char* msg) {
+    OemJsonUtils::Resp resp;
+    resp.code = code;
+    resp.msg = msg;
+    OemJsonUtils::toJson(resp, response);
+}
+
+}  // namespace
+
+int8_t SocketOemQueryServer::onTransact(int fd, std::string& request, std::string& response) {
+    std::string api;
+    if (OemJsonUtils::getRequestApi(request, api) < 0) {
+        TALVOEM_LOGE("Server failed to get api.");
+        writeError(response, 4, "Failed to get api.");
+        return 0;
+    }
+    if (api.empty()) {
+        TALVOEM_LOGE("Server require not empty api.");
+        writeError(response, 11, "Require not empty api.");
+        return 0;
+    }
+    if (api == "queryPolicy") {
+        OemJsonUtils::QueryPolicy::Req req;
+        if (OemJsonUtils::QueryPolicy::fromJson(request, req) != 0) {
+            TALVOEM_LOGE("Server failed to parse request.");
+            writeError(response, 4, "Failed to parse request.");
+            return 0;
+        }
+        int8_t status = queryPolicy(req.type, req.data, &response);
+        if (status != 0 && response.empty()) {
+            TALVOEM_LOGE("Server failed to call api.");
+            response = kQueryFailedText;
+        }
+        return status;
+    }
+    if (api == "setPolicyCallback") {
+        OemJsonUtils::SetPolicyCallback::Req req;
+        if (OemJsonUtils::SetPolicyCallback::fromJson(request, req) != 0) {
+            TALVOEM_LOGE("Server failed to parse request.");
+            writeError(response, 4, "Failed to parse request.");
+            return 0;
+        }
+        handlePolicyCallback(fd, req.type, response);
+        return 0;
+    }
+    TALVOEM_LOGE("Server not define such api method.");
+    writeError(response, 10, "No such api method.");
+    return 0;
+}
