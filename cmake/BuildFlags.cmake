@@ -10,8 +10,13 @@ if(TALVOEM_SANITIZE STREQUAL "address")
   set(_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
 elseif(TALVOEM_SANITIZE STREQUAL "thread")
   set(_san -fsanitize=thread)
+elseif(TALVOEM_SANITIZE STREQUAL "fuzzer")
+  # Coverage instrumentation for every target; fuzz targets add -fsanitize=fuzzer
+  # at link time for libFuzzer's main.
+  set(_san -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+           -fno-omit-frame-pointer)
 elseif(NOT TALVOEM_SANITIZE STREQUAL "")
-  message(FATAL_ERROR "TALVOEM_SANITIZE must be empty, address or thread")
+  message(FATAL_ERROR "TALVOEM_SANITIZE must be empty, address, thread or fuzzer")
 endif()
 if(_san)
   target_compile_options(talvoem_build_flags INTERFACE ${_san})
