@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "Wire.h"
+
 namespace talvoem::test {
 
 namespace {
@@ -33,6 +35,14 @@ int bindControlSocket() {
 
 ServiceRunner::ServiceRunner(SocketOemQueryServer& server) : listenFd_(bindControlSocket()) {
     thread_ = std::thread([this, &server] { result_ = server.init(); });
+    // Clients may connect as soon as the constructor returns: wait until
+    // init() has put the socket into the listening state (or has given up).
+    waitUntil([this] {
+        int listening = 0;
+        socklen_t len = sizeof(listening);
+        return getsockopt(listenFd_, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 ||
+               listening != 0;
+    });
 }
 
 ServiceRunner::~ServiceRunner() {

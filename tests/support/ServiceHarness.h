@@ -11,7 +11,8 @@ namespace talvoem::test {
 // /dev/socket/talvoem (inside the test's private tmpfs), hands it over in
 // ANDROID_SOCKET_talvoem and runs init() on a thread of its own. stop()
 // shuts the listening socket down, which makes accept fail, so init()
-// returns -1 and the thread is joined. Connection threads already accepted
+// returns -1 and the thread is joined. The constructor returns once the
+// socket is listening, so clients may connect at once. Connection threads already accepted
 // go on to their end; the server must outlive them.
 class ServiceRunner {
 public:
