@@ -5,20 +5,16 @@
 #include "OemJsonUtils.h"
 #include "SocketOemPolicyCBServer.h"
 #include "SocketOemQueryServer.h"
+#include "server/Envelope.h"
 #include "talvoem/Log.h"
+
+using talvoem::server::writeEnvelope;
 
 namespace {
 
 constexpr auto kChannelLockTimeout = std::chrono::milliseconds(500);
 constexpr const char* kDisposeOnNewConnection =
     "Dispose should send with an established callback connection";
-
-void writeEnvelope(std::string& response, int32_t code, const char* msg) {
-    OemJsonUtils::Resp resp;
-    resp.code = code;
-    resp.msg = msg;
-    OemJsonUtils::toJson(resp, response);
-}
 
 }  // namespace
 

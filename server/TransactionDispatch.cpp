@@ -1,18 +1,14 @@
 #include "OemJsonUtils.h"
 #include "SocketOemQueryServer.h"
+#include "server/Envelope.h"
 #include "talvoem/Log.h"
+
+using talvoem::server::writeEnvelope;
 
 namespace {
 
 // Written without the codec, hence no trailing line feed.
 constexpr const char* kQueryFailedText = "{\"code\":-1,\"msg\":\"failed\"}";
-
-void writeError(std::string& response, int32_t code, const char* msg) {
-    OemJsonUtils::Resp resp;
-    resp.code = code;
-    resp.msg = msg;
-    OemJsonUtils::toJson(resp, response);
-}
 
 }  // namespace
 
@@ -20,19 +16,19 @@ int8_t SocketOemQueryServer::onTransact(int fd, std::string& request, std::strin
     std::string api;
     if (OemJsonUtils::getRequestApi(request, api) < 0) {
         TALVOEM_LOGE("Server failed to get api.");
-        writeError(response, 4, "Failed to get api.");
+        writeEnvelope(response, 4, "Failed to get api.");
         return 0;
     }
     if (api.empty()) {
         TALVOEM_LOGE("Server require not empty api.");
-        writeError(response, 11, "Require not empty api.");
+        writeEnvelope(response, 11, "Require not empty api.");
         return 0;
     }
     if (api == "queryPolicy") {
         OemJsonUtils::QueryPolicy::Req req;
         if (OemJsonUtils::QueryPolicy::fromJson(request, req) != 0) {
             TALVOEM_LOGE("Server failed to parse request.");
-            writeError(response, 4, "Failed to parse request.");
+            writeEnvelope(response, 4, "Failed to parse request.");
             return 0;
         }
         int8_t status = queryPolicy(req.type, req.data, &response);
@@ -46,13 +42,13 @@ int8_t SocketOemQueryServer::onTransact(int fd, std::string& request, std::strin
         OemJsonUtils::SetPolicyCallback::Req req;
         if (OemJsonUtils::SetPolicyCallback::fromJson(request, req) != 0) {
             TALVOEM_LOGE("Server failed to parse request.");
-            writeError(response, 4, "Failed to parse request.");
+            writeEnvelope(response, 4, "Failed to parse request.");
             return 0;
         }
         handlePolicyCallback(fd, req.type, response);
         return 0;
     }
     TALVOEM_LOGE("Server not define such api method.");
-    writeError(response, 10, "No such api method.");
+    writeEnvelope(response, 10, "No such api method.");
     return 0;
 }
