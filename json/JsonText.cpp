@@ -38,28 +38,43 @@ size_t skipComment(const std::string& text, size_t i) {
     return i + 1;
 }
 
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
 bool isSeparator(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == ',' || c == ':' || c == ']' ||
-           c == '}';
+    return isSpace(c) || c == ',' || c == ':' || c == ']' || c == '}';
 }
 
 }  // namespace
 
 bool exceedsNestingLimit(const std::string& text) {
-    // A value inside 1000 containers needs at least 1001 bytes.
-    if (text.size() <= static_cast<size_t>(kMaxEnclosingContainers)) {
+    // Reaching the limit takes 1000 opening brackets.
+    if (text.size() < static_cast<size_t>(kMaxEnclosingContainers)) {
         return false;
     }
     int depth = 0;
+    bool innermostIsArray = false;
     size_t i = 0;
     while (i < text.size()) {
         const char c = text[i];
+        // jsoncpp starts reading an array's first element as soon as anything
+        // but whitespace or ']' follows '[' (a comment or a stray separator
+        // too), so an array at the limit may hold nothing else.
+        if (depth >= kMaxEnclosingContainers && innermostIsArray && !isSpace(c) && c != ']') {
+            return true;
+        }
         if (c == '/') {
             i = skipComment(text, i);
             continue;
         }
         if (c == ']' || c == '}') {
-            depth = depth > 0 ? depth - 1 : 0;
+            // The root value ends here (or the text is malformed): jsoncpp
+            // reads nothing after it.
+            if (depth <= 1) {
+                return false;
+            }
+            --depth;
             ++i;
             continue;
         }
@@ -74,14 +89,19 @@ bool exceedsNestingLimit(const std::string& text) {
         }
         if (c == '[' || c == '{') {
             ++depth;
+            innermostIsArray = c == '[';
             ++i;
+        } else if (depth == 0) {
+            return false;  // a scalar root: nothing after it is read
         } else if (c == '"') {
             i = skipString(text, i);
         } else {
             ++i;
         }
     }
-    return false;
+    // An array still open at the limit when the text ends: jsoncpp reads for
+    // its first element all the same.
+    return depth >= kMaxEnclosingContainers && innermostIsArray;
 }
 
 // Json::Reader and Json::FastWriter are deprecated upstream but are the
