@@ -1,0 +1,357 @@
+// The policy document: its exact text, a round trip over generated documents,
+// the reading rules (absent/null members, appending, convertible odd kinds)
+// and every failure: status, what the target holds afterwards, and exactly
+// which lines were logged.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "CodecTesting.h"
+#include "LogCapture.h"
+#include "OemJsonUtils.h"
+#include "ThrowCounter.h"
+
+namespace OemJsonUtils::QueryPolicy {
+
+bool operator==(const Function& a, const Function& b) {
+    return a.name == b.name && a.enable == b.enable;
+}
+bool operator==(const Subsystem& a, const Subsystem& b) {
+    return a.name == b.name && a.funcs == b.funcs;
+}
+bool operator==(const Operate& a, const Operate& b) {
+    return a.name == b.name && a.subsyss == b.subsyss;
+}
+
+}  // namespace OemJsonUtils::QueryPolicy
+
+using namespace talvoem::test;
+using namespace OemJsonUtils::QueryPolicy;
+
+namespace {
+
+// Short form for expectations: name, then children in brackets; a function is
+// its name and + (enabled) or - (disabled).
+std::string describe(const Subsystem& s);
+std::string describe(const Operate& o);
+std::string describe(const Function& f) {
+    return f.name + (f.enable ? "+" : "-");
+}
+template <typename T>
+std::string describe(const std::vector<T>& list) {
+    std::string text;
+    for (const T& item : list) {
+        text += (text.empty() ? "" : ",") + describe(item);
+    }
+    return text;
+}
+std::string describe(const Subsystem& s) {
+    return s.name + "[" + describe(s.funcs) + "]";
+}
+std::string describe(const Operate& o) {
+    return o.name + "[" + describe(o.subsyss) + "]";
+}
+
+// Counts lines that are exactly `text` at warn priority and fails on any other
+// line.
+size_t onlyWarnings(const LogCapture& log, const std::string& text) {
+    size_t n = 0;
+    for (const LogLine& line : log.lines()) {
+        EXPECT_EQ(line.priority, ANDROID_LOG_WARN);
+        EXPECT_EQ(line.text, text);
+        ++n;
+    }
+    return n;
+}
+
+std::vector<Operate> randomDocument(std::mt19937& rng) {
+    auto count = [&rng](int most) { return std::uniform_int_distribution<int>(0, most)(rng); };
+    std::vector<Operate> ops(count(3));
+    for (Operate& op : ops) {
+        op.name = randomName(rng);
+        op.subsyss.resize(count(3));
+        for (Subsystem& subsys : op.subsyss) {
+            subsys.name = randomName(rng);
+            subsys.funcs.resize(count(4));
+            for (Function& func : subsys.funcs) {
+                func.name = randomName(rng);
+                func.enable = count(1) == 1;
+            }
+        }
+    }
+    return ops;
+}
+
+TEST(PolicyDocument, WritesTheDocumentExactly) {
+    const std::vector<Operate> example = {
+        {"op1", {{"sub1", {{"fn1", true}, {"", false}}}}},
+    };
+    struct Case {
+        const char* what;
+        std::vector<Operate> ops;
+        std::string text;
+    };
+    const Case cases[] = {
+        {"worked example", example,
+         R"([{"name":"op1","subsyss":[{"funcs":[{"enable":true,"name":"fn1"},{"enable":false}],"name":"sub1"}]}])"},
+        {"empty document", {}, "[]"},
+        {"empty names and lists",
+         {{"", {}}, {"", {{"", {}}}}},
+         R"([{"name":"","subsyss":[]},{"name":"","subsyss":[{"funcs":[],"name":""}]}])"},
+        {"duplicates kept in order",
+         {{"a", {}}, {"a", {}}},
+         R"([{"name":"a","subsyss":[]},{"name":"a","subsyss":[]}])"},
+    };
+    LogCapture log;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string text = "previous";
+        EXPECT_EQ(toJson(c.ops, text), 0);
+        EXPECT_EQ(text, c.text + "\n");
+    }
+    EXPECT_TRUE(log.lines().empty());
+}
+
+// Encode, decode into an empty list: the same document, also when it travels
+// as the envelope's data and when it is appended to a list that holds one.
+TEST(PolicyDocument, GeneratedDocumentsSurviveARoundTrip) {
+    std::mt19937 rng(424242);
+    LogCapture log;
+    for (int i = 0; i < 300; ++i) {
+        const std::vector<Operate> ops = randomDocument(rng);
+        std::string text;
+        ASSERT_EQ(toJson(ops, text), 0);
+        EXPECT_EQ(text.find('\n'), text.size() - 1) << "compact, one final line feed";
+
+        std::vector<Operate> back;
+        ASSERT_EQ(fromJson(text, back), 0) << text;
+        EXPECT_TRUE(back == ops) << text;
+
+        std::string envelope;
+        OemJsonUtils::Resp resp{0, "success", text};
+        OemJsonUtils::Resp received;
+        ASSERT_EQ(OemJsonUtils::toJson(resp, envelope), 0);
+        ASSERT_EQ(OemJsonUtils::fromJson(envelope, received), 0);
+        std::vector<Operate> carried;
+        ASSERT_EQ(fromJson(received.data, carried), 0);
+        EXPECT_TRUE(carried == ops) << envelope;
+
+        std::vector<Operate> appended = {{"kept", {}}};
+        ASSERT_EQ(fromJson(text, appended), 0);
+        ASSERT_EQ(appended.size(), ops.size() + 1);
+        EXPECT_EQ(appended[0].name, "kept");
+        EXPECT_TRUE(std::vector<Operate>(appended.begin() + 1, appended.end()) == ops);
+    }
+    EXPECT_TRUE(log.lines().empty());
+}
+
+// Decoding into a list that already holds "pre[]": status, the list
+// afterwards, and how many "Parse json failed." lines (and nothing else).
+TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
+    struct Case {
+        const char* what;
+        std::string text;
+        int8_t status;
+        std::string after;
+        size_t failureLines;
+    };
+    const Case cases[] = {
+        {"empty document", "[]", 0, "pre[]", 0},
+        {"with line feed", "[]\n", 0, "pre[]", 0},
+        {"comments and whitespace", " /* c */ [ {\"name\" : \"a\"} ] // t\n\t", 0, "pre[],a[]", 0},
+        {"empty operation", "[{}]", 0, "pre[],[]", 0},
+        {"null members", R"([{"name":"a","subsyss":null},{"name":null}])", 0, "pre[],a[],[]", 0},
+        {"flags absent, null, false, true",
+         R"([{"name":"a","subsyss":[{"name":"s","funcs":[{},{"enable":null},{"enable":false,"name":"f"},{"enable":true}]}]}])",
+         0, "pre[],a[s[+,+,f-,+]]", 0},
+        {"kinds that convert",
+         R"([{"name":5,"subsyss":[{"name":true,"funcs":[{"name":1.5,"enable":0},{"enable":2},{"name":false}]}]}])",
+         0, "pre[],5[true[1.5-,+,false+]]", 0},
+        {"unknown members ignored",
+         R"([{"name":"a","x":[{}],"subsyss":[{"y":1,"funcs":[{"z":{}}]}]}])", 0, "pre[],a[[+]]", 0},
+        {"empty text", "", -1, "pre[]", 1},
+        {"not JSON", "not json", -1, "pre[]", 1},
+        {"cut short", "[{\"name\":\"a\"}", -1, "pre[]", 1},
+        {"root object (a whole envelope)", R"({"code":0,"data":"[]","msg":"success"})", -1, "pre[]",
+         1},
+        {"root string", R"("[]")", -1, "pre[]", 1},
+        {"root number", "1", -1, "pre[]", 1},
+        {"root boolean", "true", -1, "pre[]", 1},
+        {"root null", "null", -1, "pre[]", 1},
+        {"second operation a number", R"([{"name":"a"},2])", -1, "pre[],a[]", 1},
+        {"subsystem not an object", R"([{"name":"a"},{"name":"b","subsyss":[{"name":"s"},[]]}])",
+         -1, "pre[],a[]", 1},
+        {"function not an object",
+         R"([{"name":"a"},{"name":"b","subsyss":[{"name":"s","funcs":[{"name":"f"},"x"]}]},{"name":"c"}])",
+         -1, "pre[],a[]", 1},
+        {"subsyss an object", R"([{"name":"a"},{"name":"b","subsyss":{}}])", -1, "pre[],a[]", 0},
+        {"subsyss a number", R"([{"name":"a"},{"name":"b","subsyss":7}])", -1, "pre[],a[]", 0},
+        {"funcs a string", R"([{"subsyss":[{"funcs":"x"}]}])", -1, "pre[]", 0},
+        {"funcs an object", R"([{"subsyss":[{"name":"s","funcs":{}}]}])", -1, "pre[]", 0},
+        {"operation name an array", R"([{"name":"a"},{"name":["x"]}])", -1, "pre[],a[]", 1},
+        {"operation name an object", R"([{"name":{}}])", -1, "pre[]", 1},
+        {"subsystem name an object", R"([{"subsyss":[{"name":{"k":1}}]}])", -1, "pre[]", 1},
+        {"function name an array", R"([{"subsyss":[{"funcs":[{"name":[1]}]}]}])", -1, "pre[]", 1},
+        {"enable a string", R"([{"subsyss":[{"funcs":[{"enable":"true"}]}]}])", -1, "pre[]", 1},
+        {"enable an array", R"([{"subsyss":[{"funcs":[{"enable":[]}]}]}])", -1, "pre[]", 1},
+        {"enable an object", R"([{"subsyss":[{"funcs":[{"enable":{}}]}]}])", -1, "pre[]", 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.what) + ": " + c.text);
+        LogCapture log;
+        const int thrownBefore = exceptionsThrown();
+        std::vector<Operate> ops = {{"pre", {}}};
+        EXPECT_EQ(fromJson(c.text, ops), c.status);
+        EXPECT_EQ(exceptionsThrown(), thrownBefore);
+        EXPECT_EQ(describe(ops), c.after);
+        EXPECT_EQ(onlyWarnings(log, "Parse json failed."), c.failureLines);
+    }
+}
+
+// The record decoders called directly: they update in place, append, and on
+// failure leave what the rules say.
+TEST(PolicyDocument, RecordDecodersUpdateInPlace) {
+    struct Case {
+        const char* what;
+        std::function<int8_t(std::string&)> decode;  // describes the record afterwards
+        int8_t status;
+        std::string after;
+        size_t failureLines;
+    };
+    auto intoFunction = [](std::string json) {
+        return [json](std::string& after) {
+            Function f{"keep", false};
+            int8_t status = fromJsonValue(jsonValue(json), f);
+            after = describe(f);
+            return status;
+        };
+    };
+    auto intoSubsystem = [](std::string json) {
+        return [json](std::string& after) {
+            Subsystem s{"keep", {{"f0", true}}};
+            int8_t status = fromJsonValue(jsonValue(json), s);
+            after = describe(s);
+            return status;
+        };
+    };
+    auto intoOperate = [](std::string json) {
+        return [json](std::string& after) {
+            Operate o{"keep", {{"s0", {}}}};
+            int8_t status = fromJsonValue(jsonValue(json), o);
+            after = describe(o);
+            return status;
+        };
+    };
+    const Case cases[] = {
+        {"function, nothing given", intoFunction("{}"), 0, "keep+", 0},
+        {"function, disabled", intoFunction(R"({"enable":false})"), 0, "keep-", 0},
+        {"function, named", intoFunction(R"({"name":"n"})"), 0, "n+", 0},
+        {"subsystem appends", intoSubsystem(R"({"funcs":[{"name":"f1"}]})"), 0, "keep[f0+,f1+]", 0},
+        {"subsystem renamed", intoSubsystem(R"({"name":"n","funcs":null})"), 0, "n[f0+]", 0},
+        {"operation appends", intoOperate(R"({"subsyss":[{"name":"s1"}]})"), 0, "keep[s0[],s1[]]",
+         0},
+        {"operation renamed", intoOperate(R"({"name":"n"})"), 0, "n[s0[]]", 0},
+        {"list not an array: name already set", intoSubsystem(R"({"name":"n","funcs":{}})"), -1,
+         "n[f0+]", 0},
+        {"failing element: those before stay",
+         intoSubsystem(R"({"name":"n","funcs":[{"name":"a"},3,{}]})"), -1, "n[f0+,a+]", 1},
+        {"operation keeps subsystems decoded before",
+         intoOperate(R"({"subsyss":[{"name":"s1"},{"funcs":[7]}]})"), -1, "keep[s0[],s1[]]", 1},
+        {"unconvertible name leaves the subsystem", intoSubsystem(R"({"name":[],"funcs":[{}]})"),
+         -1, "keep[f0+]", 1},
+        {"unconvertible name leaves the operation", intoOperate(R"({"name":{},"subsyss":[{}]})"),
+         -1, "keep[s0[]]", 1},
+        {"unconvertible flag leaves the function", intoFunction(R"({"name":"n","enable":"no"})"),
+         -1, "keep-", 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture log;
+        const int thrownBefore = exceptionsThrown();
+        std::string after;
+        EXPECT_EQ(c.decode(after), c.status);
+        EXPECT_EQ(exceptionsThrown(), thrownBefore);
+        EXPECT_EQ(after, c.after);
+        EXPECT_EQ(onlyWarnings(log, "Parse json failed."), c.failureLines);
+    }
+}
+
+TEST(PolicyDocument, RecordDecodersRefuseSourcesThatAreNotObjects) {
+    const Json::Value sources[] = {Json::Value(), Json::Value(Json::arrayValue), Json::Value(1),
+                                   Json::Value("s"), Json::Value(true)};
+    for (const Json::Value& source : sources) {
+        SCOPED_TRACE(compact(source));
+        LogCapture log;
+        Function f{"keep", false};
+        Subsystem s{"keep", {{"f0", true}}};
+        Operate o{"keep", {{"s0", {}}}};
+        EXPECT_EQ(fromJsonValue(source, f), -1);
+        EXPECT_EQ(fromJsonValue(source, s), -1);
+        EXPECT_EQ(fromJsonValue(source, o), -1);
+        EXPECT_EQ(describe(f) + " " + describe(s) + " " + describe(o),
+                  "keep- keep[f0+] keep[s0[]]");
+        EXPECT_EQ(onlyWarnings(log, "Parse json failed."), 3u);
+    }
+}
+
+// Encoders write into an existing object: the members they own, nothing else.
+TEST(PolicyDocument, RecordEncodersWriteTheirMembersOnly) {
+    struct Case {
+        const char* what;
+        std::function<int8_t(Json::Value&)> encode;
+        std::string target;
+        std::string after;
+    };
+    const Case cases[] = {
+        {"unnamed function keeps a name already there",
+         [](Json::Value& v) {
+             return toJsonValue(Function{"", true}, v);
+         },
+         R"({"name":"old","x":1})", R"({"enable":true,"name":"old","x":1})"},
+        {"named function",
+         [](Json::Value& v) {
+             return toJsonValue(Function{"n", false}, v);
+         },
+         R"({"name":"old"})", R"({"enable":false,"name":"n"})"},
+        {"subsystem replaces its list, writes an empty name",
+         [](Json::Value& v) {
+             return toJsonValue(Subsystem{"", {}}, v);
+         },
+         R"({"funcs":[1,2],"x":1})", R"({"funcs":[],"name":"","x":1})"},
+        {"operation",
+         [](Json::Value& v) {
+             return toJsonValue(Operate{"o", {{"s", {{"f", true}}}}}, v);
+         },
+         "{}", R"({"name":"o","subsyss":[{"funcs":[{"enable":true,"name":"f"}],"name":"s"}]})"},
+    };
+    LogCapture log;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Json::Value target = jsonValue(c.target);
+        EXPECT_EQ(c.encode(target), 0);
+        EXPECT_EQ(compact(target), c.after);
+    }
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(PolicyDocument, RecordEncodersRefuseTargetsThatAreNotObjects) {
+    const Json::Value targets[] = {Json::Value(), Json::Value(Json::arrayValue), Json::Value(1),
+                                   Json::Value("s")};
+    for (const Json::Value& original : targets) {
+        SCOPED_TRACE(compact(original));
+        LogCapture log;
+        Json::Value f = original;
+        Json::Value s = original;
+        Json::Value o = original;
+        EXPECT_EQ(toJsonValue(Function{"n", true}, f), -1);
+        EXPECT_EQ(toJsonValue(Subsystem{"n", {{"f", true}}}, s), -1);
+        EXPECT_EQ(toJsonValue(Operate{"n", {}}, o), -1);
+        EXPECT_TRUE(f == original && s == original && o == original) << "target unchanged";
+        EXPECT_EQ(onlyWarnings(log, "Serialize json failed."), 3u);
+    }
+}
+
+}  // namespace
