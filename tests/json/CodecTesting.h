@@ -2,56 +2,41 @@
 
 #include <json/json.h>
 
-#include <memory>
+#include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
+// Shared by the codec tests: tree helpers, random names, and every reader of
+// a whole message text behind one interface.
 namespace talvoem::test {
 
-// A jsoncpp tree from text, for the codec functions that take one.
-inline Json::Value jsonValue(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
-    return value;
-}
+// A jsoncpp tree from text, and the compact text of a tree (no line feed).
+Json::Value jsonValue(const std::string& text);
+std::string compact(const Json::Value& value);
 
-// Compact text of a tree (no trailing line feed), for comparing trees.
-inline std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
+// Empty, short and duplicate-prone names with the characters that need
+// escaping and multi-byte UTF-8 (valid sequences only: jsoncpp replaces
+// invalid ones when writing).
+std::string randomName(std::mt19937& rng);
 
-// Random names for round trips: empty, short and duplicate-prone, with the
-// characters that need escaping and multi-byte UTF-8 (valid sequences only:
-// jsoncpp replaces invalid ones on writing).
-inline std::string randomName(std::mt19937& rng) {
-    static const char* const kPieces[] = {
-        "a",
-        "op",
-        "fn",
-        "\"quoted\"",
-        "back\\slash",
-        "/*not a comment*/",
-        "\x01\x1f",
-        "\t",
-        "line\nbreak",
-        "\r",
-        "\x7f",
-        "caf\xc3\xa9",
-        "\xe6\xbc\xa2",
-        "\xf0\x9f\x98\x80",
-        "[{}]:,",
-        " ",
-    };
-    constexpr size_t kCount = sizeof(kPieces) / sizeof(kPieces[0]);
-    std::string name;
-    for (int n = std::uniform_int_distribution<int>(0, 3)(rng); n > 0; --n) {
-        name += kPieces[std::uniform_int_distribution<size_t>(0, kCount - 1)(rng)];
-    }
-    return name;
-}
+// A reader of message texts. It reads into a record preset to recognisable
+// values and describes the record afterwards, so "left unchanged" is a
+// comparison with `preset`.
+struct TextReader {
+    const char* name;
+    const char* failureLog;                             // nullptr: logs nothing
+    std::vector<std::pair<const char*, bool>> members;  // key, true for a string field
+    std::function<int8_t(const std::string&, std::string&)> read;
+    std::string preset;
+};
+enum ReaderId { kResp, kQueryReq, kQueryData, kChannelReq, kChannelMsg, kApiPeek };
+const std::vector<TextReader>& messageReaders();
+
+// Reads `text` and expects a refusal: -1, the record as preset, exactly the
+// reader's failure line at warn priority, and no exception on the way.
+void expectRefused(const TextReader& reader, const std::string& text);
 
 }  // namespace talvoem::test

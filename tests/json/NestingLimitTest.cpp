@@ -1,14 +1,14 @@
 // Deeply nested text. jsoncpp's Reader throws once a value sits inside 1,000
-// containers (and aborts there on Android). Every codec reader must accept
-// exactly what jsoncpp parses without throwing and refuse the rest before the
-// parser gets to throw; jsoncpp itself is the oracle.
+// containers (on Android it aborts there). Every reader must accept exactly
+// what jsoncpp parses without throwing and refuse the rest before the parser
+// gets to throw; jsoncpp itself is the oracle.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "CodecTesting.h"
 #include "LogCapture.h"
 #include "OemJsonUtils.h"
 #include "ThrowCounter.h"
@@ -19,12 +19,11 @@ namespace {
 
 enum class Outcome { kParsed, kRejected, kThrew };
 
-Outcome jsoncppOutcome(const std::string& text) {
+Outcome jsoncppOutcome(const std::string& text, Json::Value& root) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     Json::Reader reader;
 #pragma GCC diagnostic pop
-    Json::Value root;
     try {
         return reader.parse(text, root, true) ? Outcome::kParsed : Outcome::kRejected;
     } catch (const std::exception&) {
@@ -32,207 +31,144 @@ Outcome jsoncppOutcome(const std::string& text) {
     }
 }
 
-// A reader and how it wraps a nested value into a text it accepts when the
-// value parses: an unknown member of an object root, or of the one operation
-// of a policy document.
-struct Reader {
-    const char* name;
-    const char* failureLog;
-    std::function<int8_t(const std::string&)> read;
-    std::string open;
-    std::string close;
-};
-
-const std::vector<Reader>& readers() {
-    namespace QP = OemJsonUtils::QueryPolicy;
-    namespace SPC = OemJsonUtils::SetPolicyCallback;
-    static const std::vector<Reader> all = {
-        {"Resp", "Parse json failed",
-         [](const std::string& t) {
-             OemJsonUtils::Resp r;
-             return OemJsonUtils::fromJson(t, r);
-         },
-         "{\"x\":", "}"},
-        {"QueryPolicy::Req", "Parse json failed.",
-         [](const std::string& t) {
-             QP::Req r;
-             return QP::fromJson(t, r);
-         },
-         "{\"x\":", "}"},
-        {"QueryPolicy::Data", "Parse json failed.",
-         [](const std::string& t) {
-             QP::Data r;
-             return QP::fromJson(t, r);
-         },
-         "{\"x\":", "}"},
-        {"SetPolicyCallback::Req", "Parse json failed.",
-         [](const std::string& t) {
-             SPC::Req r;
-             return SPC::fromJson(t, r);
-         },
-         "{\"x\":", "}"},
-        {"SetPolicyCallback::Callback", "Parse json failed.",
-         [](const std::string& t) {
-             SPC::Callback r;
-             return SPC::fromJson(t, r);
-         },
-         "{\"x\":", "}"},
-        {"getRequestApi", nullptr,
-         [](const std::string& t) {
-             std::string api;
-             return OemJsonUtils::getRequestApi(t, api);
-         },
-         "{\"x\":", "}"},
-        {"policy document", "Parse json failed.",
-         [](const std::string& t) {
-             std::vector<QP::Operate> ops;
-             return QP::fromJson(t, ops);
-         },
-         "[{\"x\":", "}]"},
-    };
-    return all;
+Outcome jsoncppOutcome(const std::string& text) {
+    Json::Value root;
+    return jsoncppOutcome(text, root);
 }
 
-// Reads `text` with every reader and holds each to jsoncpp's verdict on the
-// same text: 0 where it parses, -1 with one failure line otherwise, and never
-// an exception inside the codec.
-void expectSameVerdictAsJsoncpp(const std::string& value, const std::string& what,
-                                bool wrap = true) {
-    for (const Reader& reader : readers()) {
-        const std::string text = wrap ? reader.open + value + reader.close : value;
-        const Outcome oracle = jsoncppOutcome(text);
-        SCOPED_TRACE(std::string(reader.name) + ": " + what +
-                     (oracle == Outcome::kParsed  ? " (jsoncpp parses)"
-                      : oracle == Outcome::kThrew ? " (jsoncpp throws)"
-                                                  : " (jsoncpp rejects)"));
-        LogCapture log;
-        const int thrownBefore = exceptionsThrown();
-        const int8_t status = reader.read(text);
-        ASSERT_EQ(exceptionsThrown(), thrownBefore) << "the codec let jsoncpp throw";
-        if (oracle == Outcome::kParsed) {
-            EXPECT_EQ(status, 0);
-            EXPECT_TRUE(log.lines().empty());
-        } else {
-            EXPECT_EQ(status, -1);
-            EXPECT_EQ(log.lines().size(), reader.failureLog != nullptr ? 1u : 0u);
-            if (reader.failureLog != nullptr) {
-                EXPECT_EQ(log.count(ANDROID_LOG_WARN, reader.failureLog), 1u);
-            }
-        }
+// Whether a reader takes what jsoncpp parsed: message readers want an object
+// root; the document an array of objects (the texts here carry no member that
+// a reader reads).
+bool acceptable(const Json::Value& root, bool isDocument) {
+    if (!isDocument) {
+        return root.isObject();
     }
+    bool objects = root.isArray();
+    for (Json::ArrayIndex i = 0; objects && i < root.size(); ++i) {
+        objects = root[i].isObject();
+    }
+    return objects;
 }
 
 std::string repeat(const std::string& piece, int n) {
     std::string text;
-    text.reserve(piece.size() * static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
         text += piece;
     }
     return text;
 }
 
-// `depth` containers around `inner`: arrays, objects or alternating.
+// `depth` containers around `inner`: arrays, objects, or both alternating.
 std::string nested(int depth, const std::string& inner, int shape) {
-    const std::string arrays = repeat("[", depth) + inner + repeat("]", depth);
-    const std::string objects = repeat("{\"k\":", depth) + inner + repeat("}", depth);
     if (shape == 0) {
-        return arrays;
+        return repeat("[", depth) + inner + repeat("]", depth);
     }
     if (shape == 1) {
-        return objects;
+        return repeat("{\"k\":", depth) + inner + repeat("}", depth);
     }
     return repeat("[{\"k\":", depth / 2) + inner + repeat("}]", depth / 2);
 }
 
-// The boundary itself, spelled out for the envelope reader (the wrapping
-// object is one of the containers counted here).
-TEST(NestingLimit, BoundaryIsJsoncppsOwn) {
-    struct Case {
-        const char* what;
-        std::string text;
-        int8_t status;
+// Holds every reader to jsoncpp's verdict on the same text: 0 and no line
+// where it parses (into a root of the reader's kind), the refusal otherwise,
+// and never an exception. `value` goes in as an unknown member (of the root
+// object, or of the document's one operation) unless `raw`.
+void expectJsoncppsVerdict(const std::string& value, const std::string& what, bool raw = false) {
+    TextReader document = {"policy document", "Parse json failed.", {}, nullptr, ""};
+    document.read = [](const std::string& text, std::string&) {
+        std::vector<OemJsonUtils::QueryPolicy::Operate> ops;
+        return OemJsonUtils::QueryPolicy::fromJson(text, ops);
     };
-    const Case cases[] = {
-        {"value inside 999 containers", "{\"code\":1,\"x\":" + nested(998, "1", 0) + "}", 0},
-        {"value inside 1000 containers", "{\"code\":1,\"x\":" + nested(999, "1", 0) + "}", -1},
-        {"empty array inside 999 containers", "{\"code\":1,\"x\":" + nested(999, "", 0) + "}", 0},
-        {"empty array inside 1000 containers", "{\"code\":1,\"x\":" + nested(1000, "", 0) + "}",
-         -1},
-        {"empty object inside 999 containers", "{\"code\":1,\"x\":" + nested(998, "{}", 1) + "}",
-         0},
-        {"100,000 levels", "{\"code\":1,\"x\":" + nested(100000, "1", 0) + "}", -1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const int thrownBefore = exceptionsThrown();
-        OemJsonUtils::Resp resp;
-        EXPECT_EQ(OemJsonUtils::fromJson(c.text, resp), c.status);
-        EXPECT_EQ(exceptionsThrown(), thrownBefore);
-        EXPECT_EQ(resp.code, c.status == 0 ? 1 : 0);
-        EXPECT_EQ(jsoncppOutcome(c.text), c.status == 0 ? Outcome::kParsed : Outcome::kThrew);
+    std::vector<TextReader> readers = messageReaders();
+    readers.push_back(document);
+    for (const TextReader& reader : readers) {
+        const bool isDocument = &reader == &readers.back();
+        const std::string text = raw          ? value
+                                 : isDocument ? "[{\"x\":" + value + "}]"
+                                              : "{\"x\":" + value + "}";
+        SCOPED_TRACE(what);
+        Json::Value root;
+        if (jsoncppOutcome(text, root) != Outcome::kParsed || !acceptable(root, isDocument)) {
+            expectRefused(reader, text);
+            continue;
+        }
+        SCOPED_TRACE(std::string(reader.name) + " (jsoncpp parses)");
+        LogCapture log;
+        std::string after;
+        EXPECT_EQ(reader.read(text, after), 0);
+        EXPECT_TRUE(log.lines().empty());
     }
-    EXPECT_GT(exceptionsThrown(), 0) << "the exception counter sees jsoncpp's throws";
 }
 
-// Around the limit with every shape and with what may stand just inside the
+// The boundary spelled out for the envelope reader; its root object is one of
+// the containers counted.
+TEST(NestingLimit, BoundaryIsJsoncppsOwn) {
+    const std::pair<std::string, int8_t> cases[] = {
+        {nested(998, "1", 0), 0},   // a value inside 999 containers
+        {nested(999, "1", 0), -1},  // ... inside 1000
+        {nested(999, "", 0), 0},    // an empty array inside 999
+        {nested(1000, "", 0), -1},  // ... inside 1000
+        {nested(998, "{}", 1), 0}, {nested(100000, "1", 0), -1},
+    };
+    for (const auto& [value, status] : cases) {
+        const std::string text = "{\"code\":1,\"x\":" + value + "}";
+        SCOPED_TRACE(text.substr(0, 30) + "... " + std::to_string(text.size()) + " bytes");
+        const int thrownBefore = exceptionsThrown();
+        OemJsonUtils::Resp resp;
+        EXPECT_EQ(OemJsonUtils::fromJson(text, resp), status);
+        EXPECT_EQ(exceptionsThrown(), thrownBefore);
+        EXPECT_EQ(resp.code, status == 0 ? 1 : 0);
+        EXPECT_EQ(jsoncppOutcome(text), status == 0 ? Outcome::kParsed : Outcome::kThrew);
+    }
+    EXPECT_GT(exceptionsThrown(), 0) << "the counter sees jsoncpp's own throws";
+}
+
+// Around the limit, every shape with whatever may stand just inside the
 // innermost container: values, whitespace, comments, stray separators.
 TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
-    const std::string inners[] = {"",  "1",      " \t\r\n", "/**/", "// c\n", ",", ":",
-                                  "/", "\"[[\"", "[]",      "{}",   "]",      "}", "x"};
-    for (int depth : {996, 997, 998, 999, 1000, 1001, 100000}) {
+    const std::string inners[] = {"",  "1",  " \t\r\n", "/**/", "// c\n", ",", ":",
+                                  "/", "[]", "{}",      "]",    "}",      "x"};
+    for (int depth : {997, 998, 999, 1000, 1001, 100000}) {
         for (int shape = 0; shape < 3; ++shape) {
             for (const std::string& inner : inners) {
-                expectSameVerdictAsJsoncpp(nested(depth, inner, shape),
-                                           "depth " + std::to_string(depth) + " shape " +
-                                               std::to_string(shape) + " inner '" + inner + "'");
+                expectJsoncppsVerdict(nested(depth, inner, shape),
+                                      std::to_string(depth) + " deep, shape " +
+                                          std::to_string(shape) + ", inner '" + inner + "'");
             }
         }
     }
 }
 
-// Brackets that are not structure (inside strings and comments, and after
-// the root value, which jsoncpp does not read) must not count.
-TEST(NestingLimit, BracketsOutsideTheStructureDoNotCount) {
+// Brackets that are not structure (in strings, in comments, after the root,
+// which jsoncpp never reads) do not count; text that ends inside an array at
+// the limit does, since jsoncpp reads on for an element.
+TEST(NestingLimit, OnlyStructureThatJsoncppReadsCounts) {
     const std::string deep = repeat("[", 1500);
-    const std::string cases[] = {
-        "\"" + deep + "\"",
-        "1 /*" + deep + "*/",
-        "1 // " + deep + "\n",
-        "\"\\\"" + deep + "\"",
-        "[" + nested(997, "1", 0) + "] " + deep,
-    };
-    for (const std::string& value : cases) {
-        expectSameVerdictAsJsoncpp(value, value.substr(0, 12) + "...");
+    for (const std::string& value : {"\"" + deep + "\"", "\"\\\"" + deep + "\"",
+                                     "1 /*" + deep + "*/", "1 // " + deep + "\n"}) {
+        expectJsoncppsVerdict(value, value.substr(0, 8));
     }
-    OemJsonUtils::Resp resp;
-    EXPECT_EQ(OemJsonUtils::fromJson("{\"code\":4}" + deep, resp), 0)
-        << "jsoncpp stops reading after the root";
-    EXPECT_EQ(resp.code, 4);
-}
-
-// Text that ends inside the structure: an array left open at the limit still
-// makes jsoncpp read for an element.
-TEST(NestingLimit, TextEndingInsideTheStructureAgreesWithJsoncpp) {
-    for (int depth : {998, 999, 1000, 1001}) {
-        for (const char* tail : {"", " \n", "1", "{", "{\"k\":", "/**/"}) {
-            const std::string what = std::to_string(depth) + " open arrays then '" + tail + "'";
-            expectSameVerdictAsJsoncpp(repeat("[", depth) + tail, what, false);
-            expectSameVerdictAsJsoncpp(repeat("{\"k\":", depth - 1) + "[" + tail, what, false);
+    for (const std::string& text : {"{\"code\":4}" + deep, "1 " + deep, "[]" + deep}) {
+        expectJsoncppsVerdict(text, text.substr(0, 12), true);
+    }
+    for (int depth : {999, 1000, 1001}) {
+        for (const char* tail : {"", " \n", "1", "{", "/**/"}) {
+            expectJsoncppsVerdict(repeat("[", depth) + tail, "open " + std::to_string(depth), true);
+            expectJsoncppsVerdict(repeat("{\"k\":", depth - 1) + "[" + tail, "open objects", true);
         }
     }
 }
 
-// Random texts built from structural pieces near the limit, well-formed or
-// not, closed or cut short, each held to jsoncpp's verdict.
+// Random texts from structural pieces near the limit, well-formed or not,
+// closed or cut short.
 TEST(NestingLimit, RandomTextsNearTheLimitAgreeWithJsoncpp) {
-    const std::string openers[] = {"[", "{\"k\":", "[1,", "{\"a\":1,\"k\":", "[ /*c*/ "};
-    const std::string fillers[] = {"",  " ",  "1",  "/**/",  "//c\n", ",",       ":", "]",
-                                   "}", "[]", "{}", "\"s\"", "/",     "{\"k\":", "["};
-    const std::string closers[] = {"]", "}", " ]", "},", "],", ""};
+    const std::vector<std::string> openers = {"[", "{\"k\":", "[1,", "{\"a\":1,\"k\":", "[ /*c*/ "};
+    const std::vector<std::string> fillers = {"",  " ", "1",  "/**/",  "//c\n", ",",       ":",
+                                              "]", "}", "[]", "\"s\"", "/",     "{\"k\":", "["};
+    const std::vector<std::string> closers = {"]", "}", " ]", "},", "],"};
     std::mt19937 rng(7);
-    auto pick = [&rng](const auto& pieces) -> const std::string& {
-        const size_t count = std::size(pieces);
-        return pieces[std::uniform_int_distribution<size_t>(0, count - 1)(rng)];
+    auto pick = [&rng](const std::vector<std::string>& pieces) -> const std::string& {
+        return pieces[std::uniform_int_distribution<size_t>(0, pieces.size() - 1)(rng)];
     };
     for (int i = 0; i < 300; ++i) {
         const int depth = std::uniform_int_distribution<int>(995, 1001)(rng);
@@ -247,7 +183,7 @@ TEST(NestingLimit, RandomTextsNearTheLimitAgreeWithJsoncpp) {
         for (int d = 0; d < closed; ++d) {
             text += pick(closers);
         }
-        expectSameVerdictAsJsoncpp(text, "random text " + std::to_string(i));
+        expectJsoncppsVerdict(text, "random text " + std::to_string(i), true);
     }
 }
 
