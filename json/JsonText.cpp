@@ -206,6 +206,7 @@ void logFailure(const char* failureLog) {
 
 void onCodecException(const char* failureLog, const std::exception& e) {
 #if defined(TALVOEM_CODEC_ABORT_ON_EXCEPTION)
+    (void)failureLog;
     TALVOEM_LOGE("codec reached jsoncpp's throwing path: %s", e.what());
     abort();
 #else
