@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -53,7 +55,22 @@ public:
     int observePolicyCallback(int fd, IOemPolicyCBFactory* factory);
 
 private:
+    // A timed mutex whose deadline runs on the monotonic clock. Built on a
+    // condition variable rather than std::timed_mutex, whose steady-clock wait
+    // (pthread_mutex_clocklock) ThreadSanitizer cannot see, which would leave
+    // every channel unchecked. Usable with std::unique_lock.
+    class ChannelLock {
+    public:
+        bool try_lock_until(std::chrono::steady_clock::time_point deadline);
+        void unlock();
+
+    private:
+        std::mutex mutex_;
+        std::condition_variable released_;
+        bool held_ = false;  // guarded by mutex_
+    };
+
     IOemPolicyCBFactory* factory_;
     SocketOemPolicyCBServer* channel_;  // guarded by channelLock_
-    std::timed_mutex channelLock_;
+    ChannelLock channelLock_;
 };

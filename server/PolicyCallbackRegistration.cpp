@@ -18,6 +18,24 @@ constexpr const char* kDisposeOnNewConnection =
 
 }  // namespace
 
+bool SocketOemQueryServer::ChannelLock::try_lock_until(
+    std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!released_.wait_until(lock, deadline, [this] { return !held_; })) {
+        return false;
+    }
+    held_ = true;
+    return true;
+}
+
+void SocketOemQueryServer::ChannelLock::unlock() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        held_ = false;
+    }
+    released_.notify_one();
+}
+
 int SocketOemQueryServer::handlePolicyCallback(int fd, uint16_t type, std::string& response) {
     if (factory_ == nullptr) {
         TALVOEM_LOGW("Server has no callback factory");
@@ -47,7 +65,7 @@ int SocketOemQueryServer::handlePolicyCallback(int fd, uint16_t type, std::strin
 int SocketOemQueryServer::observePolicyCallback(int fd, IOemPolicyCBFactory* factory) {
     // The deadline is taken on the monotonic clock, so wall-clock changes
     // neither shorten nor stretch the wait.
-    std::unique_lock<std::timed_mutex> lock(channelLock_, std::defer_lock);
+    std::unique_lock<ChannelLock> lock(channelLock_, std::defer_lock);
     if (!lock.try_lock_until(std::chrono::steady_clock::now() + kChannelLockTimeout)) {
         TALVOEM_LOGE("Server already established a policy callback connection");
         return -1;
