@@ -8,21 +8,29 @@ namespace talvoem::test {
 
 namespace {
 
-std::mutex gMutex;
-std::condition_variable gChanged;
-std::vector<LogLine> gLines;
+// Never destroyed: detached service threads may still log while the process
+// exits, after static destructors have begun.
+struct Store {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<LogLine> lines;
+};
+Store& store() {
+    static Store* instance = new Store;
+    return *instance;
+}
 
 void capture(const __android_logger_data* data, const char* message) {
     {
-        std::lock_guard<std::mutex> lock(gMutex);
-        gLines.push_back({data->priority, message != nullptr ? message : ""});
+        std::lock_guard<std::mutex> lock(store().mutex);
+        store().lines.push_back({data->priority, message != nullptr ? message : ""});
     }
-    gChanged.notify_all();
+    store().changed.notify_all();
 }
 
 size_t countLocked(int priority, const std::string& text) {
     size_t n = 0;
-    for (const LogLine& line : gLines) {
+    for (const LogLine& line : store().lines) {
         n += (line.priority == priority && line.text == text) ? 1 : 0;
     }
     return n;
@@ -35,24 +43,25 @@ LogCapture::LogCapture() {
 }
 
 std::vector<LogLine> LogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(gMutex);
-    return gLines;
+    std::lock_guard<std::mutex> lock(store().mutex);
+    return store().lines;
 }
 
 size_t LogCapture::count(int priority, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(gMutex);
+    std::lock_guard<std::mutex> lock(store().mutex);
     return countLocked(priority, text);
 }
 
 bool LogCapture::waitFor(int priority, const std::string& text, size_t n,
                          std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(gMutex);
-    return gChanged.wait_for(lock, timeout, [&] { return countLocked(priority, text) >= n; });
+    std::unique_lock<std::mutex> lock(store().mutex);
+    return store().changed.wait_for(lock, timeout,
+                                    [&] { return countLocked(priority, text) >= n; });
 }
 
 void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gLines.clear();
+    std::lock_guard<std::mutex> lock(store().mutex);
+    store().lines.clear();
 }
 
 void LogCapture::install() {
@@ -61,8 +70,8 @@ void LogCapture::install() {
 }
 
 void LogCapture::dump() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    for (const LogLine& line : gLines) {
+    std::lock_guard<std::mutex> lock(store().mutex);
+    for (const LogLine& line : store().lines) {
         fprintf(stderr, "  log[%d] %s\n", line.priority, line.text.c_str());
     }
 }
