@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "LogCapture.h"
-#include "ServerTesting.h"
+#include "TestService.h"
 #include "ServiceHarness.h"
 #include "SocketOemPolicyCBServer.h"
 #include "Wire.h"

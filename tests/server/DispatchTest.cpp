@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "LogCapture.h"
-#include "ServerTesting.h"
+#include "TestService.h"
 #include "ServiceHarness.h"
 #include "Wire.h"
 

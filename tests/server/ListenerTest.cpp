@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "LogCapture.h"
-#include "ServerTesting.h"
+#include "TestService.h"
 #include "ServiceHarness.h"
 #include "Wire.h"
 
