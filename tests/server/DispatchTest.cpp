@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "LogCapture.h"
-#include "TestService.h"
 #include "ServiceHarness.h"
+#include "TestService.h"
 #include "Wire.h"
 
 using namespace talvoem::test;

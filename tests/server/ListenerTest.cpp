@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "LogCapture.h"
-#include "TestService.h"
 #include "ServiceHarness.h"
+#include "TestService.h"
 #include "Wire.h"
 
 using namespace talvoem::test;
