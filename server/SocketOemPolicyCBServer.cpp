@@ -105,8 +105,10 @@ void SocketOemPolicyCBServer::sendHandlerThread(SocketOemPolicyCBServer* self) {
 }
 
 void SocketOemPolicyCBServer::loopSend() {
-    std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
+        // The lock is taken afresh for each message, so a dispose or a
+        // reporter can get in between two sends.
+        std::unique_lock<std::mutex> lock(mutex_);
         wakeUp_.wait(lock, [this] { return !pending_.empty() || !running_; });
         if (!running_) {
             return;
