@@ -2,7 +2,7 @@
 // executable's definition comes first in symbol lookup, so the throws inside
 // libjsoncpp land here too, and are passed on to the next definition (the
 // runtime's, or a sanitizer's interceptor). <cxxabi.h> is deliberately not
-// included: it declares the same function with its own exception spec.
+// included: it declares the same function with its own exception specifier list.
 #include "ThrowCounter.h"
 
 #include <dlfcn.h>
