@@ -1,7 +1,8 @@
 // talvoemctl — talks to the OEM Query Service from the command line.
 //
-//   talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json]
-//   talvoemctl watch [--count N] [--timeout SECONDS]
+//   talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json] [--verbose]
+//   talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]
+#include <android/log.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -24,15 +25,17 @@ constexpr uint16_t kTypeServiceLost = 100;
 
 const char* const kQueryHelp =
     "usage: talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json]\n"
+    "                        [--verbose]\n"
     "Asks the service for its policy document and prints it as a tree. With a selector\n"
     "(--op, --subsys, --func; an omitted level matches everything) only the matching part\n"
     "is printed. --json prints the service's raw answer. Exit status 1 when no service\n"
-    "answers or the answer's code is not 0.\n";
+    "answers or the answer's code is not 0. --verbose shows the library's log lines.\n";
 const char* const kWatchHelp =
-    "usage: talvoemctl watch [--count N] [--timeout SECONDS]\n"
+    "usage: talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]\n"
     "Opens a policy-callback channel and prints one timestamped line per notification\n"
     "until N notifications, the timeout or Ctrl-C. Exit status 1 when no channel could\n"
-    "be opened or the service was lost.\n";
+    "be opened, the service was lost, or the timeout came before N notifications.\n"
+    "--verbose shows the library's log lines.\n";
 
 int usageError(const std::string& why, const char* help) {
     fprintf(stderr, "talvoemctl: %s\n%s", why.c_str(), help);
@@ -47,8 +50,11 @@ bool parseOptions(int argc, char** argv, const std::string& valued, const std::s
         std::string name = arg.rfind("--", 0) == 0 ? arg.substr(2) : "";
         if (!name.empty() && flags.find(" " + name + " ") != std::string::npos) {
             options[name] = "1";
-        } else if (!name.empty() && valued.find(" " + name + " ") != std::string::npos &&
-                   i + 1 < argc) {
+        } else if (!name.empty() && valued.find(" " + name + " ") != std::string::npos) {
+            if (i + 1 >= argc) {
+                error = arg + " needs a value";
+                return false;
+            }
             options[name] = argv[++i];
         } else {
             error = "unexpected argument " + arg;
@@ -171,6 +177,7 @@ int watch(const Options& options) {
     }
     signal(SIGPIPE, SIG_IGN);
     signal(SIGINT, [](int) { interrupted = 1; });
+    signal(SIGTERM, [](int) { interrupted = 1; });
     static Printer printer;  // outlives every delivery thread
     SocketOemQueryClient client;
     int result = client.observePolicyCallback(&printer);
@@ -181,7 +188,8 @@ int watch(const Options& options) {
     printf("watching for policy changes\n");
     fflush(stdout);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    bool lost;
+    bool lost, timedOut;
+    long seen;
     {
         std::unique_lock<std::mutex> lock(printer.mutex);
         while (!interrupted && !printer.lost && (wanted == 0 || printer.count < wanted) &&
@@ -189,9 +197,14 @@ int watch(const Options& options) {
             printer.changed.wait_for(lock, std::chrono::milliseconds(100));
         }
         lost = printer.lost;
+        seen = printer.count;
+        timedOut = !interrupted && !lost && wanted > 0 && seen < wanted;
     }
     client.disposePolicyCallback();
-    return lost ? 1 : 0;
+    if (timedOut) {
+        fprintf(stderr, "talvoemctl: timed out after %ld of %ld notifications\n", seen, wanted);
+    }
+    return lost || timedOut ? 1 : 0;
 }
 
 }  // namespace
@@ -216,11 +229,17 @@ int main(int argc, char** argv) {
     }
     Options options;
     std::string error;
-    bool parsed = command == "query"
-                      ? parseOptions(argc, argv, " type op subsys func ", " json ", options, error)
-                      : parseOptions(argc, argv, " count timeout ", " ", options, error);
+    bool parsed =
+        command == "query"
+            ? parseOptions(argc, argv, " type op subsys func ", " json verbose ", options, error)
+            : parseOptions(argc, argv, " count timeout ", " verbose ", options, error);
     if (!parsed) {
         return usageError(error, help);
+    }
+    // The library logs every connection attempt; a failure is told in one
+    // line of our own unless the user asks for the detail.
+    if (!options.count("verbose")) {
+        __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
     }
     return command == "query" ? query(options) : watch(options);
 }
