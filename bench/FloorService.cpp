@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -72,9 +73,10 @@ private:
     std::thread sender_;
 };
 
-// The live channel, as the service sees it. Locks: mutex_ guards channel_
-// and is held through a report, so the channel cannot go while in use.
-class FloorNotifier : public Notifier {
+// The floor's state as the bench steers it. Locks: mutex_ guards channel_
+// and is held through a report, so the channel cannot go while in use; the
+// serving modes are read once per connection.
+class FloorControl : public ServiceControl {
 public:
     void attach(FloorChannel* channel) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -99,43 +101,49 @@ public:
         return true;
     }
 
+    bool setServing(bool threadPerConnection, bool freshBuffer) override {
+        threadPerConnection_ = threadPerConnection;
+        freshBuffer_ = freshBuffer;
+        return true;
+    }
+
+    bool threadPerConnection() const { return threadPerConnection_; }
+    bool freshBuffer() const { return freshBuffer_; }
+
 private:
     std::mutex mutex_;
     FloorChannel* channel_ = nullptr;
+    std::atomic<bool> threadPerConnection_{true};
+    std::atomic<bool> freshBuffer_{false};
 };
 
-FloorNotifier* notifier() {
-    static FloorNotifier* instance = new FloorNotifier;  // outlives every thread
+FloorControl* control() {
+    static FloorControl* instance = new FloorControl;  // outlives every thread
     return instance;
 }
 
+// The channel is live before the reply goes out: the bench reports changes
+// as soon as its client has the reply.
 void serveChannel(int fd, Receiver& receiver) {
+    FloorChannel channel(fd);
+    control()->attach(&channel);
     Json::Value reply;
     reply["code"] = 0;
     reply["msg"] = "success";
-    if (!floor::sendText(fd, floor::write(reply))) {
-        return;
-    }
-    FloorChannel channel(fd);
-    notifier()->attach(&channel);
-    for (;;) {
+    bool open = floor::sendText(fd, floor::write(reply));
+    while (open) {
         long n = receiver.receive(fd);
         Json::Value request;
-        if (n < 1) {
-            break;
-        }
-        if (floor::parse(receiver.text(), receiver.text() + n, request) && request.isObject() &&
-            request["type"].asInt() == 2) {
-            break;
-        }
+        open = n > 0 && !(floor::parse(receiver.text(), receiver.text() + n, request) &&
+                          request.isObject() && request["type"].asInt() == 2);
     }
-    notifier()->attach(nullptr);
+    control()->attach(nullptr);
     channel.stop();
 }
 
-// One detached thread per connection: one receive, one answer.
-void serveConnection(int fd) {
-    Receiver receiver;
+// One receive, one answer (or a channel for its whole life).
+void serveConnection(int fd, bool freshBuffer) {
+    Receiver receiver(freshBuffer);
     long n = receiver.receive(fd);
     Json::Value request;
     if (n > 0 && floor::parse(receiver.text(), receiver.text() + n, request) &&
@@ -150,6 +158,21 @@ void serveConnection(int fd) {
     close(fd);
 }
 
+void acceptLoop(int listener) {
+    for (;;) {
+        int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        const bool fresh = control()->freshBuffer();
+        if (control()->threadPerConnection()) {
+            std::thread(serveConnection, fd, fresh).detach();
+        } else {
+            serveConnection(fd, fresh);
+        }
+    }
+}
+
 }  // namespace
 
 int runFloorService(StampBoard* board) {
@@ -158,17 +181,10 @@ int runFloorService(StampBoard* board) {
         perror("talvoem-bench floor: listen");
         return 1;
     }
-    std::thread([listener] {
-        for (;;) {
-            int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) {
-                std::thread(serveConnection, fd).detach();
-            }
-        }
-    }).detach();
+    std::thread(acceptLoop, listener).detach();
     printf("ready\n");
     fflush(stdout);
-    return runCommandLoop(*notifier(), board);
+    return runCommandLoop(*control(), board);
 }
 
 }  // namespace talvoem::bench

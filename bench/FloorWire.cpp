@@ -5,6 +5,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <memory>
+
 namespace talvoem::bench::floor {
 
 namespace {
@@ -45,7 +47,16 @@ bool sendText(int fd, const std::string& text) {
 }
 
 long Receiver::receive(int fd) {
-    return recv(fd, buffer_, sizeof(buffer_), 0);
+    if (!fresh_) {
+        return recv(fd, buffer_, sizeof(buffer_), 0);
+    }
+    constexpr size_t kFreshSize = 512 * 1024;
+    std::unique_ptr<char[]> fresh(new char[kFreshSize]);
+    long n = recv(fd, fresh.get(), kFreshSize, 0);
+    if (n > 0) {
+        copy_.assign(fresh.get(), static_cast<size_t>(n));
+    }
+    return n;
 }
 
 // The same reader and writer as the library's codec.

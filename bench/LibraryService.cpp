@@ -39,7 +39,7 @@ public:
 // through a report, so the library cannot withdraw (and delete) the callback
 // while it is in use. Lives for the whole process: connection threads are
 // never joined.
-class BenchService : public SocketOemQueryServer, public Notifier {
+class BenchService : public SocketOemQueryServer, public ServiceControl {
 public:
     explicit BenchService(IOemPolicyCBFactory* factory) : SocketOemQueryServer(factory) {}
 
@@ -62,6 +62,8 @@ public:
         callback_->onPolicyChanged(kNotifyType, &data_);
         return true;
     }
+
+    bool setServing(bool, bool) override { return false; }
 
 private:
     std::mutex mutex_;

@@ -34,7 +34,10 @@ bool libraryQuery() {
     return ok;
 }
 
-bool floorQuery() {
+namespace {
+
+template <bool kFreshBuffer>
+bool floorQueryWith() {
     int fd = floor::connectTo(kFloorSocketPath);
     if (fd < 0) {
         return false;
@@ -42,7 +45,7 @@ bool floorQuery() {
     Json::Value request;
     request["api"] = "queryPolicy";
     request["type"] = kQueryType;
-    floor::Receiver receiver;
+    floor::Receiver receiver(kFreshBuffer);
     Json::Value answer;
     bool ok = floor::sendText(fd, floor::write(request));
     long n = ok ? receiver.receive(fd) : -1;
@@ -51,6 +54,16 @@ bool floorQuery() {
          !answer["data"].asString().empty();
     close(fd);
     return ok;
+}
+
+}  // namespace
+
+bool floorQuery() {
+    return floorQueryWith<false>();
+}
+
+bool floorQueryFreshBuffer() {
+    return floorQueryWith<true>();
 }
 
 QueryFigures runQueries(QueryOp op, int clients, const Budget& budget) {

@@ -23,8 +23,10 @@ using QueryOp = bool (*)();
 
 // Through the library's exported transport and codec, to the library service.
 bool libraryQuery();
-// By hand, to the floor service.
+// By hand, to the floor service; with a reused receive buffer, or with a
+// fresh 512 KiB one per receive as the library's transport has.
 bool floorQuery();
+bool floorQueryFreshBuffer();
 
 // `clients` threads each run `op` back to back until the budget is spent.
 QueryFigures runQueries(QueryOp op, int clients, const Budget& budget);

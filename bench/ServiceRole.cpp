@@ -18,7 +18,7 @@ namespace {
 
 void discardLog(const __android_logger_data*, const char*) {}
 
-std::string push(Notifier& notifier, StampBoard* board, std::istringstream& args) {
+std::string push(ServiceControl& control, StampBoard* board, std::istringstream& args) {
     size_t count = 0;
     uint64_t intervalUs = 0;
     std::string mode;
@@ -37,11 +37,20 @@ std::string push(Notifier& notifier, StampBoard* board, std::istringstream& args
             }
         }
         board->reportedNs[i] = nowNs();
-        if (!notifier.report(bare)) {
+        if (!control.report(bare)) {
             return "error no channel";
         }
     }
     return "ok";
+}
+
+std::string setServing(ServiceControl& control, std::istringstream& args) {
+    std::string threads, buffer;
+    args >> threads >> buffer;
+    if ((threads != "threads" && threads != "inline") || (buffer != "reuse" && buffer != "fresh")) {
+        return "error bad serve";
+    }
+    return control.setServing(threads == "threads", buffer == "fresh") ? "ok" : "error not a floor";
 }
 
 std::string setLog(std::istringstream& args) {
@@ -59,15 +68,16 @@ std::string setLog(std::istringstream& args) {
 
 }  // namespace
 
-int runCommandLoop(Notifier& notifier, StampBoard* board) {
+int runCommandLoop(ServiceControl& control, StampBoard* board) {
     std::string line;
     while (std::getline(std::cin, line)) {
         std::istringstream args(line);
         std::string verb;
         args >> verb;
-        std::string reply = verb == "push"  ? push(notifier, board, args)
-                            : verb == "log" ? setLog(args)
-                                            : "error unknown command";
+        std::string reply = verb == "push"    ? push(control, board, args)
+                            : verb == "log"   ? setLog(args)
+                            : verb == "serve" ? setServing(control, args)
+                                              : "error unknown command";
         printf("%s\n", reply.c_str());
         fflush(stdout);
     }

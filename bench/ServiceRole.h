@@ -8,20 +8,25 @@
 //   push <count> <interval_us> <queue|bare>   report <count> changes on the
 //                                             live channel, paced or flat out
 //   log <stderr|discard>                      where the library's log lines go
+//   serve <threads|inline> <reuse|fresh>      how the floor serves queries
 // End of input ends the process.
 namespace talvoem::bench {
 
-// Reports one change on the service's live channel.
-class Notifier {
+// What a service process lets the bench steer.
+class ServiceControl {
 public:
-    virtual ~Notifier() = default;
-    // False when no channel is live. `bare` asks for the send on the
-    // reporting thread itself (floors only).
+    virtual ~ServiceControl() = default;
+    // Reports one change on the live channel; false when none is live.
+    // `bare` asks for the send on the reporting thread itself (floors only).
     virtual bool report(bool bare) = 0;
+    // Serves each query connection on a thread of its own or inline on the
+    // accepting thread, with a reused or a fresh 512 KiB receive buffer
+    // (floors only).
+    virtual bool setServing(bool threadPerConnection, bool freshBuffer) = 0;
 };
 
 // Runs the command loop until stdin ends; the process's exit status.
-int runCommandLoop(Notifier& notifier, StampBoard* board);
+int runCommandLoop(ServiceControl& control, StampBoard* board);
 
 // The library's service: a SocketOemQueryServer on the control socket.
 int runLibraryService(StampBoard* board);

@@ -85,6 +85,12 @@ void runRepetition(int rep, const Plan& plan, ServiceProcess& library, ServicePr
             }
         }
     }
+    // What the design's fixed costs come to, on the floor itself.
+    floor.command("serve inline reuse");
+    addQuery(samples, "query1.inline", runQueries(floorQuery, 1, plan.query));
+    floor.command("serve threads fresh");
+    addQuery(samples, "query1.fresh", runQueries(floorQueryFreshBuffer, 1, plan.query));
+    floor.command("serve threads reuse");
     library.command("log discard");
     addQuery(samples, "query1.quiet", runQueries(libraryQuery, 1, plan.query));
     library.command("log stderr");
