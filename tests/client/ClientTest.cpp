@@ -8,6 +8,7 @@
 
 #include "ClientTesting.h"
 #include "LogCapture.h"
+#include "SelfProcess.h"
 #include "SocketOemPolicyCBClient.h"
 #include "SocketOemQueryClient.h"
 #include "TestService.h"
@@ -135,15 +136,7 @@ TEST(ServiceProcess, DISABLED_ServeUntilKilled) {
 }
 
 pid_t startServiceProcess() {
-    setenv("TALVOEM_TEST_CHILD", "1", 1);
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl("/proc/self/exe", "service", "--gtest_also_run_disabled_tests",
-              "--gtest_filter=ServiceProcess.DISABLED_ServeUntilKilled", nullptr);
-        _exit(127);
-    }
-    unsetenv("TALVOEM_TEST_CHILD");
-    return pid;
+    return talvoem::test::startSelf("ServiceProcess.DISABLED_ServeUntilKilled");
 }
 
 TEST_F(ClientFixture, ServiceProcessThatDiesIsReportedAsTypeHundredOnce) {

@@ -18,6 +18,7 @@
 
 #include "LogCapture.h"
 #include "RobustnessTesting.h"
+#include "SelfProcess.h"
 #include "ServiceHarness.h"
 #include "SocketOemQueryClient.h"
 
@@ -178,15 +179,7 @@ TEST(RobustnessServiceProcess, DISABLED_ServeUntilKilled) {
 }
 
 pid_t startServiceProcess() {
-    setenv("TALVOEM_TEST_CHILD", "1", 1);
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl("/proc/self/exe", "service", "--gtest_also_run_disabled_tests",
-              "--gtest_filter=RobustnessServiceProcess.DISABLED_ServeUntilKilled", nullptr);
-        _exit(127);
-    }
-    unsetenv("TALVOEM_TEST_CHILD");
-    return pid;
+    return talvoem::test::startSelf("RobustnessServiceProcess.DISABLED_ServeUntilKilled");
 }
 
 // Opens a channel to a freshly started service process; its pid, or -1.
