@@ -142,14 +142,29 @@ Plan planFor(const std::vector<std::string>& packets) {
     return plan;
 }
 
+// Reads the request the client must send next; a broken expectation says
+// what came instead, since a timeout and a wrong text point at different
+// faults.
+void expectRequest(int conn, const std::string& expected, const char* missing) {
+    using talvoem::fuzz::Recv;
+    std::string request;
+    const Recv got = talvoem::fuzz::recvPacket(conn, request);
+    std::string what = missing;
+    if (got == Recv::kTimeout) {
+        what += " (nothing within 10 s)";
+    } else if (got == Recv::kClosed) {
+        what += " (connection closed)";
+    } else {
+        what += " (got: " + request + ")";
+    }
+    check(got == Recv::kData && request == expected, what.c_str());
+}
+
 // Disposes of a channel still open: answers its dispose request with the
 // exit message, as the service would.
 void disposeOpenChannel(SocketOemPolicyCBClient& client, int conn) {
     std::thread disposer([&] { client.dispose(); });
-    std::string request;
-    check(talvoem::fuzz::recvPacket(conn, request) == talvoem::fuzz::Recv::kData &&
-              request == kDispose,
-          "dispose() sent no dispose request");
+    expectRequest(conn, kDispose, "dispose() sent no dispose request");
     talvoem::fuzz::sendPacket(conn, kExit);
     disposer.join();
 }
@@ -170,10 +185,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     listener();
     std::thread observer([&] { result = client->observe(); });
     int conn = acceptClient();
-    std::string request;
-    check(talvoem::fuzz::recvPacket(conn, request) == talvoem::fuzz::Recv::kData &&
-              request == kRegister,
-          "observe() sent no registration");
+    expectRequest(conn, kRegister, "observe() sent no registration");
     talvoem::fuzz::sendPacket(conn, packets[0]);
     observer.join();
     check(result == expectedObserve(packets[0]), "observe() result does not fit the answer");
