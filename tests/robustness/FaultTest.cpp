@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -16,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "DescriptorsExhausted.h"
 #include "LogCapture.h"
 #include "RobustnessTesting.h"
 #include "SelfProcess.h"
@@ -112,33 +112,6 @@ TEST_F(ChannelService, ClientThatNeverReadsHoldsUpNoQueryAndGoingAwayFreesTheSer
     EXPECT_TRUE(baseline.back()) << threadCount() << " threads, " << openFdCount() << " fds";
     expectNewChannelWorks();
 }
-
-// While alive, no descriptor is free: the limit is lowered to the highest one
-// open and the gaps below it are filled.
-class DescriptorsExhausted {
-public:
-    DescriptorsExhausted() {
-        getrlimit(RLIMIT_NOFILE, &saved_);
-        rlimit low = saved_;
-        for (int fd = 0; fd < 4096; ++fd) {
-            low.rlim_cur = fcntl(fd, F_GETFD) != -1 ? static_cast<rlim_t>(fd) + 1 : low.rlim_cur;
-        }
-        setrlimit(RLIMIT_NOFILE, &low);
-        for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY)) {
-            fillers_.push_back(fd);
-        }
-    }
-    ~DescriptorsExhausted() {
-        for (int fd : fillers_) {
-            close(fd);
-        }
-        setrlimit(RLIMIT_NOFILE, &saved_);
-    }
-
-private:
-    rlimit saved_ = {};
-    std::vector<int> fillers_;
-};
 
 bool connectSocket(int fd) {
     sockaddr_un addr = {};

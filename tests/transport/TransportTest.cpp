@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "DescriptorsExhausted.h"
 #include "LogCapture.h"
 #include "SocketTransport.h"
 #include "Wire.h"
@@ -49,33 +49,6 @@ int bindServicePath() {
     }
     return fd;
 }
-
-// While alive, no descriptor is free: the limit is lowered to the highest one
-// open and the gaps below it are filled, so socket() fails with EMFILE.
-class DescriptorsExhausted {
-public:
-    DescriptorsExhausted() {
-        getrlimit(RLIMIT_NOFILE, &saved_);
-        rlimit low = saved_;
-        for (int fd = 0; fd < 4096; ++fd) {
-            low.rlim_cur = fcntl(fd, F_GETFD) != -1 ? static_cast<rlim_t>(fd) + 1 : low.rlim_cur;
-        }
-        setrlimit(RLIMIT_NOFILE, &low);
-        for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY)) {
-            fillers_.push_back(fd);
-        }
-    }
-    ~DescriptorsExhausted() {
-        for (int fd : fillers_) {
-            close(fd);
-        }
-        setrlimit(RLIMIT_NOFILE, &saved_);
-    }
-
-private:
-    rlimit saved_ = {};
-    std::vector<int> fillers_;
-};
 
 // Six attempts, five debug lines with the doubling interval, one error line
 // per attempt; the sixth attempt's own result comes back, and no attempt
