@@ -137,6 +137,22 @@ ProcessFigures settle(pid_t pid, const ProcessFigures& baseline) {
     return now;
 }
 
+// The service's figures once its start-up is over: "ready" comes when the
+// socket listens, while its init thread may still be starting. Two readings
+// 100 ms apart must agree (for at most 2 s).
+ProcessFigures steadyFigures(pid_t pid) {
+    ProcessFigures last = readProcessFigures(pid);
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const ProcessFigures now = readProcessFigures(pid);
+        if (now.threads == last.threads && now.descriptors == last.descriptors) {
+            return now;
+        }
+        last = now;
+    }
+    return last;
+}
+
 void printFigures(const char* when, const ProcessFigures& f, const ProcessFigures& base) {
     printf("  %-30s RSS %6ld KiB (%+ld)   threads %3ld (%+ld)   descriptors %3ld (%+ld)\n", when,
            f.rssKiB, f.rssKiB - base.rssKiB, f.threads, f.threads - base.threads, f.descriptors,
@@ -150,7 +166,7 @@ bool runResources(const Plan& plan, int boardFd, bool verbose) {
     if (!service.ready()) {
         return false;
     }
-    const ProcessFigures start = readProcessFigures(service.pid());
+    const ProcessFigures start = steadyFigures(service.pid());
     size_t failed = 0;
     for (size_t i = 0; i < plan.resourceQueries; ++i) {
         failed += libraryQuery() ? 0 : 1;
