@@ -38,7 +38,11 @@ public:
         if (i < arrivals_.size()) {
             arrivals_[i] = at;
         }
-        if (finished_.fetch_add(1) + 1 == expected_) {
+        // Read before the count goes up: once it reaches the expected count
+        // the recorder may be gone, so only the last delivery, the one that
+        // says so, may touch it afterwards.
+        const size_t expected = expected_;
+        if (finished_.fetch_add(1) + 1 == expected) {
             std::lock_guard<std::mutex> lock(mutex_);
             done_ = true;
             allIn_.notify_all();
