@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -61,6 +62,22 @@ enum class Recv { kData, kClosed, kTimeout };
 // Larger than any packet the library sends or receives.
 constexpr size_t kMaxPacket = 1 << 20;
 
+// True when `fd` becomes readable within `timeout`. A signal that interrupts
+// the wait does not end it early.
+inline bool waitReadable(int fd, std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + timeout;
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd pfd = {fd, POLLIN, 0};
+        const int ready = poll(&pfd, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        if (ready >= 0 || errno != EINTR) {
+            return ready == 1;
+        }
+    }
+}
+
 // Receives one packet within `timeout`. A peer that closed with packets of
 // ours unread leaves an ECONNRESET that the next receive reports once, ahead
 // of the packets it sent before closing; those are still read.
@@ -70,8 +87,7 @@ inline Recv recvPacket(int fd, std::string& bytes,
     // packet would cost more than the code under test.
     thread_local std::unique_ptr<char[]> buffer(new char[kMaxPacket]);
     for (;;) {
-        pollfd pfd = {fd, POLLIN, 0};
-        if (poll(&pfd, 1, static_cast<int>(timeout.count())) != 1) {
+        if (!waitReadable(fd, timeout)) {
             return Recv::kTimeout;
         }
         ssize_t n = recv(fd, buffer.get(), kMaxPacket, 0);
@@ -83,6 +99,27 @@ inline Recv recvPacket(int fd, std::string& bytes,
             return Recv::kClosed;
         }
     }
+}
+
+// libFuzzer raises SIGALRM every (-timeout / 2 + 1) seconds to watch for
+// hangs, with a handler installed without SA_RESTART. Landing on a thread
+// blocked in the library's receive, it makes that receive fail with EINTR,
+// which the library rightly treats as a broken connection: a fault the input
+// never asked for. Called from the first input (libFuzzer installs its
+// handlers after LLVMFuzzerInitialize), this keeps the handler and lets
+// interrupted calls restart. Without a handler (replaying tests) it does
+// nothing.
+inline void restartCallsAfterTimerSignals() {
+    static const bool done = [] {
+        struct sigaction action = {};
+        if (sigaction(SIGALRM, nullptr, &action) != 0 || action.sa_handler == SIG_DFL ||
+            action.sa_handler == SIG_IGN) {
+            return false;
+        }
+        action.sa_flags |= SA_RESTART;
+        return sigaction(SIGALRM, &action, nullptr) == 0;
+    }();
+    (void)done;
 }
 
 // Process set-up for a fuzzer (the replaying tests get theirs from the test

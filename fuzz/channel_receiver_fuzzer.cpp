@@ -6,7 +6,6 @@
 // application exactly once, a lost connection once as type 100, and nothing
 // after an exit message.
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -97,8 +96,8 @@ int listener() {
 }
 
 int acceptClient() {
-    pollfd pfd = {listener(), POLLIN, 0};
-    check(poll(&pfd, 1, 10000) == 1, "the client did not connect");
+    check(talvoem::fuzz::waitReadable(listener(), std::chrono::seconds(10)),
+          "the client did not connect");
     int fd = accept(listener(), nullptr, nullptr);
     check(fd >= 0, "accept");
     return fd;
@@ -178,6 +177,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    talvoem::fuzz::restartCallsAfterTimerSignals();
     static Application& app = *new Application;
     const std::vector<std::string> packets = talvoem::fuzz::splitPackets(data, size);
     auto* client = new SocketOemPolicyCBClient(&app);

@@ -60,6 +60,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    talvoem::fuzz::restartCallsAfterTimerSignals();
     int fds[2];
     check(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds) == 0, "no socketpair");
     auto* sender = new SocketOemPolicyCBServer(fds[0]);

@@ -99,6 +99,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    talvoem::fuzz::restartCallsAfterTimerSignals();
     static Factory factory;
     static Service withFactory(&factory);
     static Service withoutFactory(nullptr);
