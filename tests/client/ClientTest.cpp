@@ -1,14 +1,12 @@
 // The callback conversation end to end: the library's client against the
-// library's service, in this process or in a service process that dies.
+// library's service in this process. A service process that dies is the
+// fault tests' business.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include <set>
 
 #include "ClientTesting.h"
 #include "LogCapture.h"
-#include "SelfProcess.h"
 #include "SocketOemPolicyCBClient.h"
 #include "SocketOemQueryClient.h"
 #include "TestService.h"
@@ -16,8 +14,6 @@
 using namespace talvoem::test;
 
 namespace {
-
-constexpr uint16_t kConnectionLost = 100;
 
 // Every test must leave the process with the descriptors it started with.
 struct ClientFixture : testing::Test {
@@ -124,37 +120,6 @@ TEST(QueryClient, AnswersAtOnceWithoutContactingTheService) {
     EXPECT_EQ(client.setPolicyCallback(&app), 0);
     EXPECT_TRUE(app.deliveries().empty());
     EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "Skip interaction with servcie"), 3u);
-}
-
-// Runs only inside the service process that the next test starts.
-TEST(ServiceProcess, DISABLED_ServeUntilKilled) {
-    auto& events = immortal<EventLog>();
-    auto& factory = immortal<TestFactory>(events);
-    auto& service = immortal<TestService>(&factory, &events);
-    ServiceRunner runner(service);
-    pause();
-}
-
-pid_t startServiceProcess() {
-    return talvoem::test::startSelf("ServiceProcess.DISABLED_ServeUntilKilled");
-}
-
-TEST_F(ClientFixture, ServiceProcessThatDiesIsReportedAsTypeHundredOnce) {
-    pid_t service = startServiceProcess();
-    ASSERT_GT(service, 0);
-    RecordingCallback app;
-    SocketOemQueryClient client;
-    int result = -1;
-    ASSERT_TRUE(waitUntil([&] { return (result = client.observePolicyCallback(&app)) == 0; }));
-
-    kill(service, SIGKILL);
-    waitpid(service, nullptr, 0);
-    ASSERT_TRUE(app.waitForCount(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // a second report would show
-    ASSERT_EQ(app.deliveries().size(), 1u);
-    EXPECT_EQ(app.deliveries()[0].type, kConnectionLost);
-    EXPECT_TRUE(app.deliveries()[0].dataWasNull);
-    client.disposePolicyCallback();
 }
 
 }  // namespace

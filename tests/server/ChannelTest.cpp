@@ -90,24 +90,6 @@ TEST_F(ChannelFixture, NotificationsFromManyThreadsArriveInOrderThenExitComesLas
               (std::vector<std::string>{"set callback", "set null", "callback deleted"}));
 }
 
-TEST_F(ChannelFixture, ClientThatVanishesEndsTheChannelAndANewOneCanOpen) {
-    LogCapture log;
-    ServiceRunner runner(service);
-    int fd = registerRaw();
-    ASSERT_GE(fd, 0);
-    ASSERT_TRUE(service.waitForCallback(true));
-    close(fd);
-    EXPECT_TRUE(log.waitFor(ANDROID_LOG_ERROR,
-                            "Server policy callback connection with client interrupted."));
-    ASSERT_TRUE(waitUntil([&] { return events.events().size() == 3; }));
-    EXPECT_EQ(events.events().back(), "callback deleted");
-    EXPECT_FALSE(service.report(1, "late"));
-
-    int again = registerRaw();  // only once the first channel has released the lock
-    EXPECT_GE(again, 0);
-    endChannel(again);
-}
-
 TEST_F(ChannelFixture, SecondRegistrationIsRefusedAfterTheLockWaitAndFirstIsUndisturbed) {
     LogCapture log;
     ServiceRunner runner(service);
