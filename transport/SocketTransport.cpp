@@ -6,7 +6,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <memory>
 #include <new>
 #include <thread>
@@ -19,12 +21,31 @@ constexpr const char* kServicePath = "/dev/socket/talvoem";
 constexpr size_t kRecvBufferSize = 512 * 1024;
 constexpr int kConnectAttempts = 6;
 constexpr int kFirstRetryIntervalMs = 20;
+// A SOCK_SEQPACKET packet must fit the sender's buffer whole, less this much
+// of the kernel's own bookkeeping, or the send fails with EMSGSIZE.
+constexpr size_t kSendBufferOverhead = 32;
+// No buffer is smaller than the kernel's minimum (SOCK_MIN_SNDBUF, about
+// 4.5 KiB), so messages up to this size never need a look at it.
+constexpr size_t kAlwaysFits = 4096;
 
 // Clears bytes that are about to be freed; the empty asm keeps the compiler
 // from dropping the memset as a dead store.
 void wipe(char* buffer, size_t n) {
     memset(buffer, 0, n);
     asm volatile("" : : "r"(buffer) : "memory");
+}
+
+// Raises the send buffer of `fd` so that a message of `length` bytes fits.
+// The kernel doubles what it is asked for and caps the request at
+// net.core.wmem_max; where the cap leaves it too small, the send fails as it
+// would have without this.
+void fitSendBuffer(int fd, size_t length) {
+    const int needed = static_cast<int>(std::min<size_t>(length + kSendBufferOverhead, INT_MAX));
+    int size = 0;
+    socklen_t sizeLength = sizeof(size);
+    if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &sizeLength) == 0 && size < needed) {
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &needed, sizeof(needed));
+    }
 }
 
 }  // namespace
@@ -80,7 +101,11 @@ int sendMsg(int fd, std::string& msg) {
     // The packet ends at the first NUL byte; the string's own bytes go to
     // the kernel without a copy.
     const char* text = msg.c_str();
-    if (sendto(fd, text, strlen(text), 0, nullptr, 0) == -1) {
+    const size_t length = strlen(text);
+    if (length > kAlwaysFits) {
+        fitSendBuffer(fd, length);
+    }
+    if (sendto(fd, text, length, 0, nullptr, 0) == -1) {
         int err = errno;
         TALVOEM_LOGE("Failed to send packet");
         if (err == EPIPE) {
