@@ -8,6 +8,7 @@
 #include "OemJsonUtils.h"
 #include "SocketTransport.h"
 #include "talvoem/Log.h"
+#include "talvoem/ScopedLock.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ SocketOemPolicyCBClient::SocketOemPolicyCBClient(IOemPolicyCB* cb)
 SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
     bool open;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         // A receive thread that has been started but has not yet taken the
         // lock counts as running too: it would block on the open descriptor.
         open = running_ || (fd_ >= 0 && recvThread_);
@@ -55,11 +56,18 @@ SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
         TALVOEM_LOGW("Client policy callback is still running, do you forget dispose it?");
         dispose();
     }
-    joinThread(recvThread_);
+    std::shared_ptr<std::thread> thread;
+    {
+        talvoem::ScopedLock lock(mutex_);
+        thread = recvThread_;
+        // Only a descriptor whose receive thread never started is left here.
+        resetSocketFd();
+    }
+    joinThread(thread);
 }
 
 int SocketOemPolicyCBClient::observe() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     if (fd_ >= 0) {
         TALVOEM_LOGE("Client already has a policy callback connection.");
         return -1;
@@ -95,9 +103,12 @@ int SocketOemPolicyCBClient::observe() {
 }
 
 void SocketOemPolicyCBClient::dispose() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     if (fd_ >= 0 && sendRequest(fd_, kTypeDispose) != 0) {
         TALVOEM_LOGE("Client force close fd");
+        // The receive thread may be blocked in recvMsg on this descriptor; a
+        // bare close would leave it waiting, a shutdown wakes it.
+        shutdown(fd_, SHUT_RDWR);
         resetSocketFd();
     }
     // After a sent dispose the service answers with the exit message, on
@@ -116,7 +127,7 @@ void SocketOemPolicyCBClient::clientHandlerThread(SocketOemPolicyCBClient* self)
 }
 
 void SocketOemPolicyCBClient::loopRecv() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     running_ = true;
     bool lost = false;
     for (;;) {
@@ -167,15 +178,12 @@ void SocketOemPolicyCBClient::notifyHandlerThread(IOemPolicyCB* cb, uint16_t typ
 
 void SocketOemPolicyCBClient::resetSocketFd() {
     if (fd_ >= 0) {
-        // shutdown wakes a receive still blocked on the descriptor, which a
-        // bare close would leave waiting forever.
-        shutdown(fd_, SHUT_RDWR);
         close(fd_);
         fd_ = -1;
     }
 }
 
 bool SocketOemPolicyCBClient::isSameCallback(IOemPolicyCB* cb) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     return cb != nullptr && cb == callback_ && running_;
 }

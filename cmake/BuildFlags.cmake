@@ -2,6 +2,10 @@
 # project's own targets links privately; nothing is set globally.
 add_library(talvoem_build_flags INTERFACE)
 target_compile_options(talvoem_build_flags INTERFACE -Wall -Wextra)
+# clang checks the lock annotations (TalvoemThreadAnnotations.h) at compile time.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(talvoem_build_flags INTERFACE -Wthread-safety)
+endif()
 if(TALVOEM_WERROR)
   target_compile_options(talvoem_build_flags INTERFACE -Werror)
 endif()

@@ -16,8 +16,9 @@ class SocketOemPolicyCBClient;
 // called from one thread at a time; the channel pointer takes no lock.
 //
 // Ownership: the client owns its channel; the application's callback is
-// borrowed. Call disposePolicyCallback() before observing again and before
-// destroying the client.
+// borrowed. Call disposePolicyCallback() before observing again (a channel
+// still held is replaced without being disposed of or deleted) and before
+// destroying the client (its destructor leaves the channel alone).
 class SocketOemQueryClient : public IOemQuery {
 public:
     SocketOemQueryClient();
@@ -28,12 +29,15 @@ public:
     // Contacts nobody and does not keep `cb`; returns 0.
     int8_t setPolicyCallback(IOemPolicyCB* cb) override;
     // Opens a channel delivering to `cb`: 0, 11 for a null callback, or the
-    // channel's observe() result (the client then holds no channel).
+    // channel's observe() result (the client then holds no channel). When the
+    // channel's receive thread cannot be created, std::system_error passes
+    // through and the registered channel stays held for disposePolicyCallback.
     int observePolicyCallback(IOemPolicyCB* cb);
     // Ends and deletes the channel held, if any.
     void disposePolicyCallback();
 
 private:
     SocketOemPolicyCBClient* channel_;
+    // Kept for the class's layout; it guards nothing (see above).
     std::mutex mutex_;
 };

@@ -8,6 +8,7 @@
 
 #include "IOemPolicyCBFactory.h"
 #include "IOemQuery.h"
+#include "TalvoemThreadAnnotations.h"
 
 class SocketOemPolicyCBServer;
 
@@ -52,25 +53,38 @@ public:
     // Sets up a channel on `fd` (borrowed) and blocks for its whole life.
     // 0 when it ran and ended, 1 or 2 when it could not start, -1 when the
     // channel lock or the callback could not be had.
-    int observePolicyCallback(int fd, IOemPolicyCBFactory* factory);
+    int observePolicyCallback(int fd, IOemPolicyCBFactory* factory) TALVOEM_EXCLUDES(channelLock_);
 
 private:
     // A timed mutex whose deadline runs on the monotonic clock. Built on a
     // condition variable rather than std::timed_mutex, whose steady-clock wait
     // (pthread_mutex_clocklock) ThreadSanitizer cannot see, which would leave
-    // every channel unchecked. Usable with std::unique_lock.
-    class ChannelLock {
+    // every channel unchecked.
+    class TALVOEM_CAPABILITY("mutex") ChannelLock {
     public:
-        bool try_lock_until(std::chrono::steady_clock::time_point deadline);
-        void unlock();
+        bool try_lock_until(std::chrono::steady_clock::time_point deadline)
+            TALVOEM_TRY_ACQUIRE(true);
+        void unlock() TALVOEM_RELEASE();
 
     private:
-        std::mutex mutex_;
+        talvoem::Mutex mutex_;
         std::condition_variable released_;
-        bool held_ = false;  // guarded by mutex_
+        bool held_ TALVOEM_GUARDED_BY(mutex_) = false;
+    };
+    // Releases a ChannelLock that try_lock_until took, when it goes out of
+    // scope, however the scope is left.
+    class TALVOEM_SCOPED_CAPABILITY ChannelHold {
+    public:
+        explicit ChannelHold(ChannelLock& lock) TALVOEM_REQUIRES(lock) : lock_(lock) {}
+        ~ChannelHold() TALVOEM_RELEASE() { lock_.unlock(); }
+        ChannelHold(const ChannelHold&) = delete;
+        ChannelHold& operator=(const ChannelHold&) = delete;
+
+    private:
+        ChannelLock& lock_;
     };
 
     IOemPolicyCBFactory* factory_;
-    SocketOemPolicyCBServer* channel_;  // guarded by channelLock_
+    SocketOemPolicyCBServer* channel_ TALVOEM_GUARDED_BY(channelLock_);
     ChannelLock channelLock_;
 };

@@ -7,6 +7,7 @@
 #include "SocketOemQueryServer.h"
 #include "server/Envelope.h"
 #include "talvoem/Log.h"
+#include "talvoem/ScopedLock.h"
 
 using talvoem::server::writeEnvelope;
 
@@ -20,9 +21,11 @@ constexpr const char* kDisposeOnNewConnection =
 
 bool SocketOemQueryServer::ChannelLock::try_lock_until(
     std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!released_.wait_until(lock, deadline, [this] { return !held_; })) {
-        return false;
+    talvoem::ScopedLock lock(mutex_);
+    while (held_) {
+        if (released_.wait_until(lock.native(), deadline) == std::cv_status::timeout && held_) {
+            return false;
+        }
     }
     held_ = true;
     return true;
@@ -30,7 +33,7 @@ bool SocketOemQueryServer::ChannelLock::try_lock_until(
 
 void SocketOemQueryServer::ChannelLock::unlock() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         held_ = false;
     }
     released_.notify_one();
@@ -65,18 +68,18 @@ int SocketOemQueryServer::handlePolicyCallback(int fd, uint16_t type, std::strin
 int SocketOemQueryServer::observePolicyCallback(int fd, IOemPolicyCBFactory* factory) {
     // The deadline is taken on the monotonic clock, so wall-clock changes
     // neither shorten nor stretch the wait.
-    std::unique_lock<ChannelLock> lock(channelLock_, std::defer_lock);
-    if (!lock.try_lock_until(std::chrono::steady_clock::now() + kChannelLockTimeout)) {
+    if (!channelLock_.try_lock_until(std::chrono::steady_clock::now() + kChannelLockTimeout)) {
         TALVOEM_LOGE("Server already established a policy callback connection");
         return -1;
     }
+    ChannelHold hold(channelLock_);
     if (channel_ != nullptr) {
         TALVOEM_LOGE("Server already has a policy callback");
         return -1;
     }
     // Take-down order, also when observe() throws: the service loses the
     // callback first, then the callback goes, then the channel, and only then
-    // is the lock released (by `lock`, declared first, destroyed last).
+    // is the lock released (by `hold`, declared first, destroyed last).
     std::unique_ptr<SocketOemPolicyCBServer> channel(new SocketOemPolicyCBServer(fd));
     channel_ = channel.get();
     struct ClearChannel {

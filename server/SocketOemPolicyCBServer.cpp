@@ -6,6 +6,7 @@
 #include "OemJsonUtils.h"
 #include "SocketTransport.h"
 #include "talvoem/Log.h"
+#include "talvoem/ScopedLock.h"
 
 namespace {
 constexpr uint16_t kCmdNotify = 1;
@@ -18,7 +19,7 @@ SocketOemPolicyCBServer::SocketOemPolicyCBServer(int fd) : fd_(fd), running_(fal
 SocketOemPolicyCBServer::~SocketOemPolicyCBServer() {
     bool running;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         running = running_;
     }
     if (running) {
@@ -42,7 +43,7 @@ void SocketOemPolicyCBServer::onPolicyChanged(uint16_t type, std::string* data) 
 
 void SocketOemPolicyCBServer::addData(std::string& msg) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         if (!running_ || !sendThread_) {
             return;
         }
@@ -53,7 +54,7 @@ void SocketOemPolicyCBServer::addData(std::string& msg) {
 
 int SocketOemPolicyCBServer::observe() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         if (fd_ < 0) {
             TALVOEM_LOGE("Server can not observe callback with invalid fd.");
             return 1;
@@ -77,7 +78,7 @@ int SocketOemPolicyCBServer::observe() {
 void SocketOemPolicyCBServer::loopRecv() {
     int fd;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        talvoem::ScopedLock lock(mutex_);
         fd = fd_;
     }
     for (;;) {
@@ -108,8 +109,10 @@ void SocketOemPolicyCBServer::loopSend() {
     for (;;) {
         // The lock is taken afresh for each message, so a dispose or a
         // reporter can get in between two sends.
-        std::unique_lock<std::mutex> lock(mutex_);
-        wakeUp_.wait(lock, [this] { return !pending_.empty() || !running_; });
+        talvoem::ScopedLock lock(mutex_);
+        while (pending_.empty() && running_) {
+            wakeUp_.wait(lock.native());
+        }
         if (!running_) {
             return;
         }
@@ -123,7 +126,7 @@ void SocketOemPolicyCBServer::loopSend() {
 }
 
 void SocketOemPolicyCBServer::internalDispose() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     if (running_) {
         std::deque<std::string> discarded;
         discarded.swap(pending_);
@@ -149,7 +152,7 @@ void SocketOemPolicyCBServer::internalDispose() {
 }
 
 void SocketOemPolicyCBServer::resetSocketFd() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    talvoem::ScopedLock lock(mutex_);
     if (fd_ >= 0) {
         fd_ = -1;
     }

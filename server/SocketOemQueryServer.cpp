@@ -47,9 +47,9 @@ int8_t SocketOemQueryServer::init() {
             return -1;
         }
         TALVOEM_LOGI("Server Connected to Client");
-        talvoem::UniqueFd connection(fd);
+        talvoem::UniqueFd connection(fd);  // closed here if no thread can take it
         std::thread(svcHandlerThread, this, connection.get()).detach();
-        connection.release();
+        static_cast<void>(connection.release());  // the thread owns it now
     }
 }
 

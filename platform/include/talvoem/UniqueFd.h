@@ -15,7 +15,7 @@ public:
 
     int get() const { return fd_; }
     // Gives the descriptor up without closing it.
-    int release() {
+    [[nodiscard]] int release() {
         int fd = fd_;
         fd_ = -1;
         return fd;
