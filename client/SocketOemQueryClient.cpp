@@ -1,7 +1,5 @@
 #include "SocketOemQueryClient.h"
 
-#include <memory>
-
 #include "SocketOemPolicyCBClient.h"
 #include "talvoem/Log.h"
 
@@ -32,12 +30,14 @@ int SocketOemQueryClient::observePolicyCallback(IOemPolicyCB* cb) {
         TALVOEM_LOGE("could not set callback, because it is null.");
         return 11;
     }
-    // Held only once registered, so a failure (or a thrown thread error)
-    // leaves nothing behind.
-    std::unique_ptr<SocketOemPolicyCBClient> channel(new SocketOemPolicyCBClient(cb));
-    int result = channel->observe();
-    if (result == 0) {
-        channel_ = channel.release();
+    // Held before it observes: when its receive thread cannot be created the
+    // channel is registered with the service and stays held, so that
+    // disposePolicyCallback() can still end the service's channel.
+    channel_ = new SocketOemPolicyCBClient(cb);
+    int result = channel_->observe();
+    if (result != 0) {
+        delete channel_;
+        channel_ = nullptr;
     }
     return result;
 }
