@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <time.h>
 
 #include <chrono>
@@ -22,24 +23,48 @@ namespace {
 
 using Options = std::map<std::string, std::string>;
 constexpr uint16_t kTypeServiceLost = 100;
+// The longest packet the library's recvMsg takes whole (SocketTransport.h);
+// a longer one arrives cut to this length.
+constexpr size_t kReceiveLimit = 524288;
+
+// Exit statuses, one per way a command can fail; kept in step with the help
+// texts below and README.md's Tools table.
+enum Exit {
+    kOk = 0,
+    kRefused = 1,      // the service answered with a code other than 0
+    kUsage = 2,        // bad command line
+    kNoService = 3,    // nothing listening on the socket
+    kNoAnswer = 4,     // the service closed the connection without an answer
+    kCut = 5,          // the answer was longer than the receive limit
+    kBadAnswer = 6,    // the answer was not an envelope, or held no policy document
+    kServiceLost = 7,  // watch: the service closed the channel
+    kTimedOut = 8,     // watch: the timeout came before N notifications
+};
 
 const char* const kQueryHelp =
     "usage: talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json]\n"
     "                        [--verbose]\n"
     "Asks the service for its policy document and prints it as a tree. With a selector\n"
     "(--op, --subsys, --func; an omitted level matches everything) only the matching part\n"
-    "is printed. --json prints the service's raw answer. Exit status 1 when no service\n"
-    "answers or the answer's code is not 0. --verbose shows the library's log lines.\n";
+    "is printed. --json prints the service's raw answer. --verbose shows the library's\n"
+    "log lines.\n"
+    "Exit status: 0 printed; 1 the service answered a code other than 0; 2 bad usage;\n"
+    "3 no service listening; 4 the service closed the connection without an answer;\n"
+    "5 the answer was longer than 524288 bytes and arrived cut; 6 the answer was not an\n"
+    "envelope or held no policy document.\n";
 const char* const kWatchHelp =
     "usage: talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]\n"
     "Opens a policy-callback channel and prints one timestamped line per notification\n"
-    "until N notifications, the timeout or Ctrl-C. Exit status 1 when no channel could\n"
-    "be opened, the service was lost, or the timeout came before N notifications.\n"
-    "--verbose shows the library's log lines.\n";
+    "until N notifications, the timeout or Ctrl-C. --verbose shows the library's log\n"
+    "lines.\n"
+    "Exit status: 0 N notifications came, or the timeout or Ctrl-C ended a watch without\n"
+    "--count; 1 the service refused the channel; 2 bad usage; 3 no service listening;\n"
+    "4 the service closed the connection without an answer; 6 the answer was not an\n"
+    "envelope; 7 the service was lost; 8 the timeout came before N notifications.\n";
 
 int usageError(const std::string& why, const char* help) {
     fprintf(stderr, "talvoemctl: %s\n%s", why.c_str(), help);
-    return 2;
+    return kUsage;
 }
 
 // Parses --name VALUE pairs (and bare flags listed in `flags`).
@@ -83,16 +108,37 @@ void printTree(const std::vector<OemJsonUtils::QueryPolicy::Operate>& ops) {
     }
 }
 
-// One query over the library's transport and codec; the raw answer in `reply`.
-bool exchange(const std::string& request, std::string& reply) {
+// One query over the library's transport; kOk with the raw answer in
+// `reply`, or the exit status of the failure, told on stderr.
+int exchange(const std::string& request, std::string& reply) {
     int fd = establishConnection();
     if (fd < 0) {
-        return false;
+        fprintf(stderr, "talvoemctl: no service is listening on /dev/socket/talvoem\n");
+        return kNoService;
     }
     std::string text = request;
-    bool answered = sendMsg(fd, text) == 0 && recvMsg(fd, reply) > 0;
+    ssize_t length = -1;
+    if (sendMsg(fd, text) == 0) {
+        // recvMsg cannot tell a packet cut at its limit from one that fits
+        // it exactly; the peek tells the packet's real length.
+        length = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+        if (length > 0 && recvMsg(fd, reply) <= 0) {
+            length = -1;
+        }
+    }
     closeConnection(fd);
-    return answered;
+    if (length <= 0) {
+        fprintf(stderr, "talvoemctl: the service closed the connection without an answer\n");
+        return kNoAnswer;
+    }
+    if (static_cast<size_t>(length) > kReceiveLimit) {
+        fprintf(stderr,
+                "talvoemctl: the answer was cut: %zd bytes, of which only the first %zu can be "
+                "received\n",
+                length, kReceiveLimit);
+        return kCut;
+    }
+    return kOk;
 }
 
 int query(const Options& options) {
@@ -112,14 +158,14 @@ int query(const Options& options) {
     }
     std::string request, reply;
     OemJsonUtils::QueryPolicy::toJson(req, request);
-    if (!exchange(request, reply)) {
-        fprintf(stderr, "talvoemctl: no service answers on /dev/socket/talvoem\n");
-        return 1;
+    const int exchanged = exchange(request, reply);
+    if (exchanged != kOk) {
+        return exchanged;
     }
     OemJsonUtils::Resp resp;
     if (OemJsonUtils::fromJson(reply, resp) != 0) {
-        fprintf(stderr, "talvoemctl: the answer is not an envelope: %s\n", reply.c_str());
-        return 1;
+        fprintf(stderr, "talvoemctl: the answer (%zu bytes) is not an envelope\n", reply.size());
+        return kBadAnswer;
     }
     if (options.count("json")) {
         fputs(reply.c_str(), stdout);
@@ -127,17 +173,17 @@ int query(const Options& options) {
     if (resp.code != 0) {
         fprintf(stderr, "talvoemctl: the service answered code %d: %s\n", resp.code,
                 resp.msg.c_str());
-        return 1;
+        return kRefused;
     }
     std::vector<OemJsonUtils::QueryPolicy::Operate> ops;
     if (!options.count("json")) {
         if (OemJsonUtils::QueryPolicy::fromJson(resp.data, ops) != 0) {
             fprintf(stderr, "talvoemctl: the answer holds no policy document\n");
-            return 1;
+            return kBadAnswer;
         }
         printTree(ops);
     }
-    return 0;
+    return kOk;
 }
 
 // Prints each notification and counts them for the waiting main thread.
@@ -167,6 +213,25 @@ public:
 
 volatile sig_atomic_t interrupted = 0;
 
+// Tells why observePolicyCallback failed (its codes: SocketOemPolicyCBClient.h).
+int channelFailure(int code) {
+    switch (code) {
+        case 1:
+            fprintf(stderr, "talvoemctl: no service is listening on /dev/socket/talvoem\n");
+            return kNoService;
+        case 2:
+        case 3:
+            fprintf(stderr, "talvoemctl: the service closed the connection without an answer\n");
+            return kNoAnswer;
+        case 4:
+            fprintf(stderr, "talvoemctl: the answer to the channel request is not an envelope\n");
+            return kBadAnswer;
+        default:
+            fprintf(stderr, "talvoemctl: the service refused the channel (code %d)\n", code);
+            return kRefused;
+    }
+}
+
 int watch(const Options& options) {
     long wanted = 0, seconds = 0;
     if (options.count("count") && !toNumber(options.at("count"), 1000000000, wanted)) {
@@ -180,10 +245,9 @@ int watch(const Options& options) {
     signal(SIGTERM, [](int) { interrupted = 1; });
     static Printer printer;  // outlives every delivery thread
     SocketOemQueryClient client;
-    int result = client.observePolicyCallback(&printer);
-    if (result != 0) {
-        fprintf(stderr, "talvoemctl: cannot open a policy-callback channel (code %d)\n", result);
-        return 1;
+    const int opened = client.observePolicyCallback(&printer);
+    if (opened != 0) {
+        return channelFailure(opened);
     }
     printf("watching for policy changes\n");
     fflush(stdout);
@@ -201,10 +265,15 @@ int watch(const Options& options) {
         timedOut = !interrupted && !lost && wanted > 0 && seen < wanted;
     }
     client.disposePolicyCallback();
+    if (lost) {
+        fprintf(stderr, "talvoemctl: the service was lost after %ld notifications\n", seen);
+        return kServiceLost;
+    }
     if (timedOut) {
         fprintf(stderr, "talvoemctl: timed out after %ld of %ld notifications\n", seen, wanted);
+        return kTimedOut;
     }
-    return lost || timedOut ? 1 : 0;
+    return kOk;
 }
 
 }  // namespace
