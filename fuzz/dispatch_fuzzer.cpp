@@ -12,75 +12,45 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "IOemPolicyCBFactory.h"
 #include "OemJsonUtils.h"
-#include "SocketOemQueryServer.h"
+#include "Service.h"
+#include "Wire.h"
 
 using talvoem::fuzz::check;
+using namespace talvoem::test;
+using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kSuccess = "{\"code\":0,\"msg\":\"success\"}\n";
-const std::string kExit = "{\"cmd\":2}\n";
-
-class ForwardingCallback : public IOemPolicyCB {
+// The query's type picks the service's behaviour: bit 0 fails the call, bit 1
+// writes an answer echoing the type and data.
+class Service : public TestService {
 public:
-    explicit ForwardingCallback(IOemPolicyCB* channel) : channel_(channel) {}
-    void onPolicyChanged(uint16_t type, std::string* data) override {
-        channel_->onPolicyChanged(type, data);
-    }
-
-private:
-    IOemPolicyCB* channel_;
-};
-
-class Factory : public IOemPolicyCBFactory {
-public:
-    IOemPolicyCB* createCallback(IOemPolicyCB* channel) override {
-        return new ForwardingCallback(channel);
-    }
-};
-
-// The query's type picks the service's behaviour: bit 0 fails the call,
-// bit 1 writes an answer echoing the data.
-class Service : public SocketOemQueryServer {
-public:
-    using SocketOemQueryServer::SocketOemQueryServer;
+    using TestService::TestService;
     int8_t queryPolicy(uint16_t type, const std::string& data, std::string* result) override {
         if (type & 2) {
-            OemJsonUtils::Resp resp;
-            resp.code = type;
-            resp.msg = "answer";
-            resp.data = data;
-            OemJsonUtils::toJson(resp, *result);
+            *result = echoAnswer(type, data);
         }
         return static_cast<int8_t>(type & 1);
     }
-    int8_t setPolicyCallback(IOemPolicyCB*) override { return 0; }
 };
 
-std::vector<std::string> serve(SocketOemQueryServer& service, const std::string& request) {
+void expectWellFormedAnswer(SocketOemQueryServer& service, const std::string& request) {
     int fds[2];
-    check(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds) == 0, "no socketpair");
+    check(seqpacketPair(fds), "no socketpair");
     std::vector<std::string> answers;
-    if (!talvoem::fuzz::sendPacket(fds[1], request)) {
-        close(fds[0]);  // larger than the socket takes: nothing to serve
-        close(fds[1]);
-        return answers;
-    }
-    // The peer sends nothing more, so a channel ends as soon as it has run.
-    shutdown(fds[1], SHUT_WR);
-    SocketOemQueryServer::svcHandlerThread(&service, fds[0]);  // closes fds[0]
-    std::string packet;
-    while (talvoem::fuzz::recvPacket(fds[1], packet, std::chrono::milliseconds(0)) ==
-           talvoem::fuzz::Recv::kData) {
-        answers.push_back(packet);
+    // A request larger than the socket takes leaves nothing to serve.
+    if (sendRaw(fds[1], request)) {
+        // The peer sends nothing more, so a channel ends as soon as it has run.
+        shutdown(fds[1], SHUT_WR);
+        SocketOemQueryServer::svcHandlerThread(&service, fds[0]);  // closes fds[0]
+        for (Packet p = recvRaw(fds[1], 0ms); p.status == Packet::kData; p = recvRaw(fds[1], 0ms)) {
+            answers.push_back(p.bytes);
+        }
+    } else {
+        close(fds[0]);
     }
     close(fds[1]);
-    return answers;
-}
-
-void expectWellFormed(const std::vector<std::string>& answers) {
     check(answers.size() <= 2, "more than two packets for one request");
     if (answers.size() == 2) {
         check(answers[0] == kSuccess && answers[1] == kExit, "a channel's packets out of place");
@@ -100,11 +70,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     talvoem::fuzz::restartCallsAfterTimerSignals();
-    static Factory factory;
+    static ForwardingFactory factory;
     static Service withFactory(&factory);
     static Service withoutFactory(nullptr);
     const std::string request(reinterpret_cast<const char*>(data), size);
-    expectWellFormed(serve(withFactory, request));
-    expectWellFormed(serve(withoutFactory, request));
+    expectWellFormedAnswer(withFactory, request);
+    expectWellFormedAnswer(withoutFactory, request);
     return 0;
 }
