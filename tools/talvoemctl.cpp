@@ -132,10 +132,8 @@ int exchange(const std::string& request, std::string& reply) {
         return kNoAnswer;
     }
     if (static_cast<size_t>(length) > kReceiveLimit) {
-        fprintf(stderr,
-                "talvoemctl: the answer was cut: %zd bytes, of which only the first %zu can be "
-                "received\n",
-                length, kReceiveLimit);
+        fprintf(stderr, "talvoemctl: the answer was cut at %zu of its %zd bytes\n", kReceiveLimit,
+                length);
         return kCut;
     }
     return kOk;

@@ -130,8 +130,8 @@ public:
                                 "refused a %zu-byte answer, above the %zu-byte receive limit",
                                 result->size(), kReceiveLimit);
             *result = envelope(kCodeTooLong,
-                               "The answer is longer than the 524288 bytes a client can "
-                               "receive; narrow the query with a selector.");
+                               "The answer exceeds the 524288 bytes a client can receive; "
+                               "narrow the selector.");
         }
         return 0;
     }
@@ -192,9 +192,10 @@ void reloadPolicy(const std::string& path, PolicyService& service) {
                             path.c_str(), error.c_str());
         return;
     }
+    // Logged once swapped in, so whoever reads the line is served the new document.
+    service.replacePolicy(policy);
     __android_log_print(ANDROID_LOG_INFO, kTag, "policy reloaded from %s", path.c_str());
     warnIfTooLong(path, *policy);
-    service.replacePolicy(std::move(policy));
 }
 
 // Reloads once per batch of events that names the file. An overflowed event

@@ -1,272 +1,215 @@
-// The launcher, the reference service and the command-line client driven as
-// processes, the way the demo and an integrator use them. Each test runs in
-// its own private /dev/socket, so the launcher binds the real path there.
+// The launcher, talvoemd and talvoemctl run as programs, for what scripts/demo does not show.
+// Scratch files live in the test's private tmpfs on /dev/socket, which goes with its namespace.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-#include <thread>
-#include <vector>
+#include <fstream>
+#include <regex>
 
 #include "OemJsonUtils.h"
-#include "Processes.h"
+#include "Service.h"
 #include "Wire.h"
+
+extern char** environ;
 
 namespace talvoem::test {
 namespace {
 
 using OemJsonUtils::QueryPolicy::Operate;
-using Args = std::vector<std::string>;
-
-const std::string kLauncher = TALVOEM_LAUNCHER;
-const std::string kService = TALVOEMD;
-const std::string kCtl = TALVOEMCTL;
-
+const std::string kLauncher = TALVOEM_TOOLS "talvoem-launcher", kService = TALVOEM_TOOLS "talvoemd",
+                  kCtl = TALVOEM_TOOLS "talvoemctl";
+const std::string kPolicyFile = "/dev/socket/policy.json";
 const std::vector<Operate> kPolicy = {
     {"camera", {{"capture", {{"hdr", true}, {"night_mode", false}}}, {"stream", {{"uvc", true}}}}},
     {"network", {{"wifi", {{"hotspot", true}}}}},
 };
+constexpr std::chrono::seconds kLong{60};
 
-std::string documentText(const std::vector<Operate>& ops) {
+size_t countOf(const std::string& text, const std::string& part) {
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at, ++n) {
+    }
+    return n;
+}
+
+std::string doc(const std::vector<Operate>& ops) {
     std::string text;
     OemJsonUtils::QueryPolicy::toJson(ops, text);
     return text;
 }
 
-std::string envelopeText(int32_t code, const std::string& msg, const std::string& data) {
+std::string answer(const std::vector<Operate>& ops) {
     std::string text;
-    OemJsonUtils::toJson(OemJsonUtils::Resp{code, msg, data}, text);
+    OemJsonUtils::toJson(OemJsonUtils::Resp{0, "success", doc(ops)}, text);
     return text;
 }
 
-std::string queryRequest(const std::string& data = "") {
-    std::string text;
-    OemJsonUtils::QueryPolicy::toJson(OemJsonUtils::QueryPolicy::Req{"queryPolicy", 0, data}, text);
-    return text;
+// Writes in place, or as editors save: a new file renamed over the old one.
+void edit(const std::string& text, bool rename = true) {
+    std::ofstream(kPolicyFile + (rename ? ".new" : "")) << text;
+    ASSERT_TRUE(!rename || std::rename((kPolicyFile + ".new").c_str(), kPolicyFile.c_str()) == 0);
 }
 
-bool endsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
-Args ctl(Args args) {
-    args.insert(args.begin(), kCtl);
-    return args;
-}
-
-// talvoemd on a policy file in a scratch directory, under the launcher.
-class ServiceTest : public testing::Test {
-protected:
-    void SetUp() override {
-        dir_.replace("policy.json", documentText(kPolicy));
-        service_.reset(new Child({kLauncher, "--", kService, policyPath()},
-                                 dir_.path("service.out"), dir_.path("service.err")));
-        ASSERT_TRUE(waitUntil([] { return !roundTrip(queryRequest()).empty(); })) << serviceLog();
+// `n` operations of 8 functions each, about 330 bytes of document apiece.
+std::vector<Operate> bigPolicy(int n) {
+    std::vector<Operate> ops(n, {"", {{"subsystem", {}}}});
+    for (int i = 0; i < n * 8; ++i) {
+        ops[i / 8].name = "operation-" + std::to_string(i / 8);
+        ops[i / 8].subsyss[0].funcs.push_back({"func-" + std::to_string(i % 8), i % 2 == 0});
     }
+    return ops;
+}
 
-    std::string policyPath() const { return dir_.path("policy.json"); }
-    std::string serviceLog() const { return readFile(dir_.path("service.err")); }
-    size_t logged(const std::string& text) const {
-        const std::string log = serviceLog();
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-            ++n;
+// A command run by /bin/sh, its stdout and stderr in files; killed if the test leaves it running.
+struct Child {
+    explicit Child(const std::string& command) {
+        static int made = 0;
+        base = "/dev/socket/child" + std::to_string(++made);
+        std::string line = "exec " + command + " >" + base + ".out 2>" + base + ".err";
+        char* argv[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"), line.data(),
+                        nullptr};
+        pid = posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) == 0 ? pid : -1;
+    }
+    ~Child() {
+        if (pid > 0 && kill(pid, SIGKILL) == 0) {
+            waitpid(pid, nullptr, 0);
         }
-        return n;
     }
-    std::string fullAnswer(const std::vector<Operate>& ops) const {
-        return envelopeText(0, "success", documentText(ops));
+    // The exit status, -1 for a signal; the test main's watchdog ends a wait that would hang.
+    int wait() {
+        int status = -1;
+        waitpid(std::exchange(pid, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-
-    ScratchDir dir_;
-    std::unique_ptr<Child> service_;
+    std::string out(const char* suffix = ".out") const {
+        std::ifstream file(base + suffix);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    std::string base;
+    pid_t pid = -1;
 };
 
-TEST(LauncherTest, HandsOverTheBoundSocketAndLeavesTheCallerAlone) {
-    const std::string probe =
-        "stat -c %a:%F /dev/socket/talvoem; readlink /proc/self/fd/$ANDROID_SOCKET_talvoem";
-    for (bool privateDir : {false, true}) {
-        SCOPED_TRACE(privateDir ? "--namespace" : "in place");
-        unlink("/dev/socket/talvoem");
-        Args args = {kLauncher, "--", "/bin/sh", "-c", probe};
-        if (privateDir) {
-            args.insert(args.begin() + 1, "--namespace");
+// talvoemd under the launcher on kPolicyFile, once it answers.
+std::unique_ptr<Child> startService(const std::vector<Operate>& policy) {
+    edit(doc(policy));
+    auto service = std::make_unique<Child>(kLauncher + " -- " + kService + " " + kPolicyFile);
+    EXPECT_TRUE(waitUntil([] { return !roundTrip(queryText(0, "")).empty(); }, kLong));
+    return service;
+}
+
+TEST(LauncherTest, BindsTheSocketWithMode0660InAPrivateNamespace) {
+    Child ran(kLauncher + " --namespace -- stat -c %a:%F " + kServicePath);
+    EXPECT_EQ(0, ran.wait()) << ran.out(".err");
+    EXPECT_EQ("660:socket\n", ran.out());
+    EXPECT_NE(0, access(kServicePath, F_OK)) << "the caller's /dev/socket was touched";
+}
+
+TEST(TalvoemdTest, RefusesAPolicyFileThatDoesNotLoad) {
+    const std::pair<const char*, std::string> rows[] = {
+        {nullptr, "cannot open the file"}, {"[{\"subsyss\": 42}]", "not a policy document"}};
+    for (const auto& [content, why] : rows) {
+        std::remove(kPolicyFile.c_str());
+        if (content != nullptr) {
+            edit(content);
         }
-        Outcome ran = run(args);
-        EXPECT_EQ(0, ran.status) << ran.err;
-        EXPECT_EQ(0u, ran.out.rfind("660:socket\nsocket:[", 0)) << ran.out;
-        struct stat st;
-        EXPECT_EQ(privateDir, stat("/dev/socket/talvoem", &st) != 0);
+        Child ran(kService + " " + kPolicyFile);
+        EXPECT_EQ(1, ran.wait());
+        EXPECT_EQ("talvoemd: cannot load " + kPolicyFile + ": " + why + "\n", ran.out(".err"));
     }
 }
 
-TEST(LauncherTest, RefusesBadUsageAndReportsACommandThatDoesNotRun) {
-    struct Row {
-        Args args;
-        int status;
-        std::string err;
-    } rows[] = {
-        {{}, 2, "usage: talvoem-launcher"},
-        {{"--frob", "true"}, 2, "talvoem-launcher: unknown option --frob\n"},
-        {{"--", "/nonexistent"}, 1, "talvoem-launcher: /nonexistent: No such file or directory\n"},
+TEST(TalvoemdTest, SelectorsNarrowTheAnswer) {
+    auto service = startService(kPolicy);
+    const std::string noMatch = envelopeText(1, "No policy matches the selector.");
+    const std::pair<std::string, std::string> rows[] = {
+        {"--func night_mode", answer({{"camera", {{"capture", {{"night_mode", false}}}}}})},
+        {"--op camera --subsys stream", answer({{"camera", {{"stream", {{"uvc", true}}}}}})},
+        {"--subsys wifi --func hotspot", answer({kPolicy[1]})},
+        {"--op camera --func hotspot", noMatch},
     };
-    for (Row& row : rows) {
-        row.args.insert(row.args.begin(), kLauncher);
-        Outcome ran = run(row.args);
-        EXPECT_EQ(row.status, ran.status) << row.args.back();
-        EXPECT_EQ(0u, ran.err.rfind(row.err, 0)) << ran.err;
+    for (const auto& [selector, expected] : rows) {
+        Child ran(kCtl + " query --json " + selector);
+        EXPECT_EQ(expected == noMatch ? 1 : 0, ran.wait()) << selector;
+        EXPECT_EQ(expected, ran.out()) << selector;
     }
-    EXPECT_EQ(0, run({kLauncher, "--help"}).status);
+    EXPECT_EQ(envelopeText(2, "The query data is not a selector."), roundTrip(queryText(0, "x")));
 }
 
-TEST(ServiceStartTest, RefusesAPolicyFileThatDoesNotLoad) {
-    ScratchDir dir;
-    struct Row {
-        const char* content;  // null: no file at all
-        std::string why;
-    } rows[] = {
-        {nullptr, "cannot open the file"},
-        {"not json", "not a policy document"},
-        {"{\"name\": \"camera\"}", "not a policy document"},
-        {"[{\"name\": \"camera\", \"subsyss\": 42}]", "not a policy document"},
+TEST(TalvoemdTest, AWatcherHearsOfRenamesAndInPlaceWritesNotOfABadEditAndOfTheServiceLost) {
+    auto service = startService(kPolicy);
+    Child watcher(kCtl + " watch");
+    ASSERT_TRUE(waitUntil([&] { return !watcher.out().empty(); }, kLong));
+    edit("[{\"subsyss\": 42}]", false);
+    ASSERT_TRUE(waitUntil(
+        [&] { return countOf(service->out(".err"), "keeping the previous policy") == 1; }));
+    const std::vector<Operate> edits[] = {{kPolicy[1]}, {kPolicy[0]}};
+    for (size_t n = 1; n <= 2; ++n) {
+        edit(doc(edits[n - 1]), n == 1);
+        EXPECT_TRUE(
+            waitUntil([&] { return countOf(watcher.out(), "policy changed") == n; }, kLong));
+        EXPECT_EQ(answer(edits[n - 1]), roundTrip(queryText(0, "")));
+    }
+    kill(service->pid, SIGTERM);
+    EXPECT_EQ(7, watcher.wait());
+    EXPECT_EQ("talvoemctl: the service was lost after 2 notifications\n", watcher.out(".err"));
+}
+
+TEST(TalvoemdTest, AnswersLongerThanTheReceiveLimitGetCode3AndOthersArriveWhole) {
+    const std::vector<Operate> tooLong = bigPolicy(2000), fits = bigPolicy(1000);
+    auto service = startService(tooLong);
+    EXPECT_TRUE(std::regex_search(service->out(".err"),
+                                  std::regex("talvoemd W .* the whole policy in " + kPolicyFile +
+                                             " makes a [0-9]+-byte answer")));
+    const std::string why =
+        "The answer exceeds the 524288 bytes a client can receive; narrow the selector.";
+    Child whole(kCtl + " query --json"), part(kCtl + " query --json --op operation-7");
+    EXPECT_EQ(1, whole.wait());
+    EXPECT_EQ(envelopeText(3, why), whole.out());
+    EXPECT_EQ("talvoemctl: the service answered code 3: " + why + "\n", whole.out(".err"));
+    EXPECT_EQ(0, part.wait()) << part.out(".err");
+    EXPECT_EQ(answer({tooLong[7]}), part.out());
+
+    edit(doc(fits));  // about 330 KB, more than a default socket buffer takes
+    ASSERT_TRUE(
+        waitUntil([&] { return countOf(service->out(".err"), "policy reloaded") == 1; }, kLong));
+    Child json(kCtl + " query --json"), tree(kCtl + " query");
+    EXPECT_EQ(0, json.wait()) << json.out(".err");
+    EXPECT_TRUE(json.out() == answer(fits)) << json.out().size() << " bytes";
+    EXPECT_EQ(0, tree.wait()) << tree.out(".err");
+    EXPECT_EQ(1000u * (1 + 1 + 8), countOf(tree.out(), "\n"));
+}
+
+TEST(CtlTest, GivesEachFailureItsOwnExitStatus) {
+    const size_t frame = envelopeText(0, "").size();
+    const std::string whole = envelopeText(0, std::string(kReceiveLimit - frame, 'x'));
+    const std::string cut = envelopeText(0, std::string(kReceiveLimit - frame + 1, 'x'));
+    const std::string none = "talvoemctl: no service is listening on /dev/socket/talvoem\n";
+    // The service's answer (null: no service at all; "refuse": it refuses channels), talvoemctl's
+    // arguments, exit status, stdout and stderr.
+    const std::tuple<const char*, std::string, int, std::string, std::string> rows[] = {
+        {nullptr, "query", 3, "", none},
+        {nullptr, "watch", 3, "", none},
+        {"", "query", 4, "", "talvoemctl: the service closed the connection without an answer\n"},
+        {whole.c_str(), "query --json", 0, whole, ""},
+        {cut.c_str(), "query", 5, "",
+         "talvoemctl: the answer was cut at 524288 of its 524289 bytes\n"},
+        {"not json", "query", 6, "", "talvoemctl: the answer (8 bytes) is not an envelope\n"},
+        {"refuse", "watch", 1, "", "talvoemctl: the service refused the channel (code -1)\n"},
+        {"", "watch --count 1 --timeout 1", 8, "watching for policy changes\n",
+         "talvoemctl: timed out after 0 of 1 notifications\n"},
     };
-    for (const Row& row : rows) {
-        const std::string path = dir.path("policy.json");
-        std::remove(path.c_str());
-        if (row.content != nullptr) {
-            dir.replace("policy.json", row.content);
-        }
-        Outcome ran = run({kService, path});
-        EXPECT_EQ(1, ran.status) << ran.err;
-        const std::string reason = "talvoemd: cannot load " + path + ": " + row.why + "\n";
-        EXPECT_TRUE(endsWith(ran.err, reason)) << ran.err;
-    }
-    EXPECT_EQ(2, run({kService}).status);
-}
-
-TEST_F(ServiceTest, AnswersTheWholeDocumentOrTheSelectedPart) {
-    const std::string noMatch = envelopeText(1, "No policy matches the selector.", "");
-    struct Row {
-        Args selector;
-        int status;
-        std::string answer;
-    } rows[] = {
-        {{}, 0, fullAnswer(kPolicy)},
-        {{"--op", "network"}, 0, fullAnswer({kPolicy[1]})},
-        {{"--op", "camera", "--subsys", "stream"},
-         0,
-         fullAnswer({{"camera", {{"stream", {{"uvc", true}}}}}})},
-        {{"--func", "night_mode"},
-         0,
-         fullAnswer({{"camera", {{"capture", {{"night_mode", false}}}}}})},
-        {{"--subsys", "wifi", "--func", "hotspot"}, 0, fullAnswer({kPolicy[1]})},
-        {{"--type", "7"}, 0, fullAnswer(kPolicy)},
-        {{"--op", "radio"}, 1, noMatch},
-        {{"--op", "camera", "--func", "hotspot"}, 1, noMatch},
-    };
-    for (const Row& row : rows) {
-        Args args = {"query", "--json"};
-        args.insert(args.end(), row.selector.begin(), row.selector.end());
-        Outcome ran = run(ctl(args));
-        EXPECT_EQ(row.status, ran.status) << ran.err;
-        EXPECT_EQ(row.answer, ran.out);
-        if (row.status != 0) {
-            EXPECT_EQ("talvoemctl: the service answered code 1: No policy matches the selector.\n",
-                      ran.err);
-        }
-    }
-    EXPECT_EQ(envelopeText(2, "The query data is not a selector.", ""),
-              roundTrip(queryRequest("not a selector")));
-}
-
-TEST_F(ServiceTest, PrintsTheAnswerAsATree) {
-    Outcome ran = run(ctl({"query", "--op", "network"}));
-    EXPECT_EQ(0, ran.status) << ran.err;
-    EXPECT_EQ("network\n  wifi\n    hotspot" + std::string(18, ' ') + "enabled\n", ran.out);
-}
-
-TEST_F(ServiceTest, KeepsTheDocumentOnABadEditAndNotifiesAWatcherOfAGoodOne) {
-    Child watcher(ctl({"watch", "--count", "1", "--timeout", "60"}), dir_.path("watch.out"),
-                  dir_.path("watch.err"));
-    auto watched = [&] { return readFile(dir_.path("watch.out")); };
-    ASSERT_TRUE(waitUntil([&] { return watched() == "watching for policy changes\n"; }));
-
-    dir_.replace("policy.json", "[{\"name\": \"camera\", \"subsyss\": 42}]");
-    ASSERT_TRUE(waitUntil([&] { return logged("keeping the previous policy") == 1; }));
-    EXPECT_EQ(fullAnswer(kPolicy), roundTrip(queryRequest()));
-    // The bad edit must reach nobody: give a stray notification time to land.
-    EXPECT_FALSE(waitUntil([&] { return !watcher.running(); }, std::chrono::seconds(1)));
-
-    const std::vector<Operate> edited = {kPolicy[1]};
-    dir_.replace("policy.json", documentText(edited));
-    EXPECT_EQ(0, watcher.wait()) << readFile(dir_.path("watch.err"));
-    EXPECT_NE(std::string::npos, watched().find("] policy changed (type 1)\n")) << watched();
-    EXPECT_EQ(fullAnswer(edited), roundTrip(queryRequest()));
-}
-
-TEST_F(ServiceTest, ConcurrentQueriesSeeOneWholeDocumentOrTheOther) {
-    const std::vector<Operate> other = {kPolicy[1], kPolicy[0]};
-    std::atomic<bool> stop{false};
-    std::atomic<int> answers{0}, torn{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 3; ++i) {
-        clients.emplace_back([&] {
-            while (!stop) {
-                std::string answer = roundTrip(queryRequest());
-                torn += answer != fullAnswer(kPolicy) && answer != fullAnswer(other);
-                ++answers;
-            }
-        });
-    }
-    for (size_t swap = 1; swap <= 10; ++swap) {
-        dir_.replace("policy.json", documentText(swap % 2 ? other : kPolicy));
-        EXPECT_TRUE(waitUntil([&] { return logged("policy reloaded") == swap; }));
-    }
-    stop = true;
-    for (std::thread& client : clients) {
-        client.join();
-    }
-    EXPECT_GT(answers, 10);
-    EXPECT_EQ(0, torn);
-}
-
-TEST_F(ServiceTest, StopsCleanlyOnSigtermAndAWatcherReportsTheLoss) {
-    Child watcher(ctl({"watch"}), dir_.path("watch.out"), dir_.path("watch.err"));
-    ASSERT_TRUE(waitUntil([&] { return !readFile(dir_.path("watch.out")).empty(); }));
-    service_->signal(SIGTERM);
-    EXPECT_EQ(0, service_->wait()) << serviceLog();
-    EXPECT_EQ(1, watcher.wait());
-    EXPECT_NE(std::string::npos, readFile(dir_.path("watch.out")).find("] service lost\n"));
-}
-
-TEST(CtlTest, ExitStatusesForNoServiceBadUsageAndHelp) {
-    struct Row {
-        Args args;
-        int status;
-        std::string start;  // of stderr, or of stdout for status 0
-    } rows[] = {
-        {{"query"}, 1, "talvoemctl: no service answers on /dev/socket/talvoem\n"},
-        {{"watch"}, 1, "talvoemctl: cannot open a policy-callback channel"},
-        {{}, 2, "talvoemctl: missing command\n"},
-        {{"frob"}, 2, "talvoemctl: unknown command frob\n"},
-        {{"query", "--type", "x"}, 2, "talvoemctl: --type takes a number from 0 to 65535\n"},
-        {{"query", "--type", "65536"}, 2, "talvoemctl: --type takes a number from 0 to 65535\n"},
-        {{"query", "--bogus"}, 2, "talvoemctl: unexpected argument --bogus\n"},
-        {{"query", "--op"}, 2, "talvoemctl: --op needs a value\n"},
-        {{"watch", "--json"}, 2, "talvoemctl: unexpected argument --json\n"},
-        {{"watch", "--count", "-1"}, 2, "talvoemctl: --count takes a positive number\n"},
-        {{"--help"}, 0, "usage: talvoemctl query|watch"},
-        {{"query", "--help"}, 0, "usage: talvoemctl query"},
-        {{"watch", "--help"}, 0, "usage: talvoemctl watch"},
-    };
-    for (const Row& row : rows) {
-        Outcome ran = run(ctl(row.args));
-        EXPECT_EQ(row.status, ran.status) << ran.err;
-        EXPECT_EQ(0u, (row.status == 0 ? ran.out : ran.err).rfind(row.start, 0))
-            << ran.out << ran.err;
+    for (const auto& [reply, args, status, out, err] : rows) {
+        auto& service = immortal<TestService>(&immortal<ForwardingFactory>());
+        service.answer = reply != nullptr ? reply : "";
+        service.refuseCallback = service.answer == "refuse";
+        auto runner = reply ? std::make_unique<ServiceRunner>(service) : nullptr;
+        Child ran(kCtl + " " + args);
+        EXPECT_EQ(status, ran.wait()) << err;
+        EXPECT_TRUE(ran.out() == out) << ran.out().size() << " bytes out for " << err;
+        EXPECT_EQ(err, ran.out(".err"));
     }
 }
 
