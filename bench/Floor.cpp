@@ -1,5 +1,7 @@
 // The floors: what the library's service and client do, written minimally by
 // hand with plain socket calls and jsoncpp, with the same bytes on the wire.
+// The protocol's fixed texts come from the shared wire support; whatever the
+// library builds per call, a floor builds per call with jsoncpp.
 #include <json/json.h>
 #include <string.h>
 #include <sys/socket.h>
