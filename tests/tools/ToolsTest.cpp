@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <regex>
 
 #include "OemJsonUtils.h"
 #include "Service.h"
@@ -160,9 +159,9 @@ TEST(TalvoemdTest, AWatcherHearsOfRenamesAndInPlaceWritesNotOfABadEditAndOfTheSe
 TEST(TalvoemdTest, AnswersLongerThanTheReceiveLimitGetCode3AndOthersArriveWhole) {
     const std::vector<Operate> tooLong = bigPolicy(2000), fits = bigPolicy(1000);
     auto service = startService(tooLong);
-    EXPECT_TRUE(std::regex_search(service->out(".err"),
-                                  std::regex("talvoemd W .* the whole policy in " + kPolicyFile +
-                                             " makes a [0-9]+-byte answer")));
+    const std::string log = service->out(".err");
+    const size_t warning = log.find(" the whole policy in " + kPolicyFile + " makes a ");
+    EXPECT_EQ("talvoemd W", log.substr(log.rfind('\n', warning) + 1, 10)) << log;
     const std::string why =
         "The answer exceeds the 524288 bytes a client can receive; narrow the selector.";
     Child whole(kCtl + " query --json"), part(kCtl + " query --json --op operation-7");
