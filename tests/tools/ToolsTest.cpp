@@ -100,6 +100,7 @@ std::unique_ptr<Child> startService(const std::vector<Operate>& policy) {
 }
 
 TEST(LauncherTest, BindsTheSocketWithMode0660InAPrivateNamespace) {
+    unlink(kServicePath);  // one an earlier test in this process may have left
     Child ran(kLauncher + " --namespace -- stat -c %a:%F " + kServicePath);
     EXPECT_EQ(0, ran.wait()) << ran.out(".err");
     EXPECT_EQ("660:socket\n", ran.out());
