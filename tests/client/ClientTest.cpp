@@ -1,85 +1,216 @@
-// The callback conversation end to end: the library's client against the
-// library's service in this process. A service process that dies is the
-// fault tests' business.
+// The client side: the channel's receiver against hand-written service
+// replies (refusals, unreadable replies, messages it must ignore, its life
+// cycle), the callback conversation end to end against the library's own
+// service, and the client object.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <future>
 #include <set>
 
-#include "ClientTesting.h"
 #include "LogCapture.h"
+#include "Service.h"
 #include "SocketOemPolicyCBClient.h"
 #include "SocketOemQueryClient.h"
-#include "TestService.h"
+#include "Wire.h"
 
 using namespace talvoem::test;
 
 namespace {
 
-// Every test must leave the process with the descriptors it started with.
-struct ClientFixture : testing::Test {
-    void SetUp() override { baselineFds = openFdCount(); }
+// The application's callback: records the type of each delivery (and
+// whether it carried data), and holds every delivery while gated.
+class RecordingCallback : public IOemPolicyCB {
+public:
+    void onPolicyChanged(uint16_t type, std::string* data) override {
+        std::unique_lock<std::mutex> lock(mutex_);
+        types_.push_back(data == nullptr ? type : -1);
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return !gated_; });
+    }
+    bool waitForCount(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return types_.size() >= n; });
+    }
+    std::vector<int> types() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return types_;
+    }
+    void gate(bool closed) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        gated_ = closed;
+        changed_.notify_all();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<int> types_;  // -1 for a delivery that carried data
+    bool gated_ = false;
+};
+
+// A hand-written service at /dev/socket/talvoem that accepts one connection
+// and runs `script` on it, for replies the library's service never gives.
+class FakeService {
+public:
+    explicit FakeService(std::function<void(int fd)> script) : listener_(bindPath()) {
+        listen(listener_, 4);
+        thread_ = std::thread([this, script] {
+            int fd = accept(listener_, nullptr, nullptr);
+            if (fd >= 0) {
+                script(fd);
+                close(fd);
+            }
+        });
+    }
+    ~FakeService() {
+        shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        close(listener_);
+    }
+
+private:
+    int listener_;
+    std::thread thread_;
+};
+
+// Answers the registration, sends `messages`, then reports whether the client
+// closed its end.
+std::function<void(int)> script(std::vector<std::string> messages, std::atomic<bool>& closed) {
+    return [messages, &closed](int fd) {
+        EXPECT_EQ(recvRaw(fd).bytes, kRegister);
+        for (const std::string& message : messages) {
+            sendRaw(fd, message);
+        }
+        Packet p = recvRaw(fd);
+        closed = p.status == Packet::kClosed;
+    };
+}
+
+// Every test leaves the process with the descriptors it started with.
+struct Client : testing::Test {
     void TearDown() override {
         EXPECT_TRUE(waitUntil([&] { return openFdCount() == baselineFds; }))
             << openFdCount() << " descriptors open, " << baselineFds << " before";
     }
-    int baselineFds = 0;
-};
-
-struct EndToEnd : ClientFixture {
-    EventLog& events = immortal<EventLog>();
-    TestFactory& factory = immortal<TestFactory>(events);
-    TestService& service = immortal<TestService>(&factory, &events);
+    int baselineFds = openFdCount();
+    // Deliveries run on detached threads that may outlive the test.
     RecordingCallback& app = immortal<RecordingCallback>();
+    std::atomic<bool> closedByClient{false};
 };
 
-// An application callback that holds its first delivery until released.
-class GatedCallback : public RecordingCallback {
-public:
-    void onPolicyChanged(uint16_t type, std::string* data) override {
-        RecordingCallback::onPolicyChanged(type, data);
-        std::unique_lock<std::mutex> lock(gate);
-        opened.wait(lock, [&] { return open; });
+TEST_F(Client, FailedRegistrationClosesItsDescriptorAndReturnsItsCode) {
+    const std::pair<const char*, int> cases[] = {
+        {"{\"code\":5,\"msg\":\"refused\"}", 5}, {"", 3}, {"not an envelope", 4}};
+    for (const auto& [reply, result] : cases) {
+        SCOPED_TRACE(result);
+        LogCapture log;
+        closedByClient = false;
+        FakeService fake(script({reply}, closedByClient));
+        SocketOemPolicyCBClient channel(&app);
+        EXPECT_EQ(channel.observe(), result);
+        EXPECT_TRUE(waitUntil([&] { return closedByClient.load(); })) << "descriptor left open";
+        EXPECT_EQ(log.count(ANDROID_LOG_WARN, "Client receive response from server is failed"),
+                  result == 5 ? 1u : 0u);
     }
-    std::mutex gate;
-    std::condition_variable opened;
-    bool open = false;
+}
+
+TEST_F(Client, ReceiverIgnoresUnknownMessagesDeliversNotifyAndStopsOnExit) {
+    LogCapture log;
+    FakeService fake(script({kSuccess, "{\"cmd\":3,\"type\":1}", "garbage", "{\"type\":2}",
+                             "{\"cmd\":1,\"data\":\"x\",\"type\":4}\n", kExit},
+                            closedByClient));
+    SocketOemPolicyCBClient channel(&app);
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(log.waitFor(ANDROID_LOG_DEBUG, "Client receive exit cmd, will exit recv loop."));
+    ASSERT_TRUE(waitUntil([&] { return closedByClient.load(); })) << "exit leaves the fd open";
+    ASSERT_TRUE(app.waitForCount(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(app.types(), std::vector<int>{4}) << "only the notify message, without its data";
+    EXPECT_FALSE(channel.isSameCallback(&app)) << "the loop has ended";
+    channel.dispose();  // sends nothing: the descriptor is already gone
+    channel.dispose();
+}
+
+TEST_F(Client, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
+    LogCapture log;
+    std::promise<std::string> afterSecondObserve;
+    FakeService fake([&](int fd) {
+        recvRaw(fd);
+        sendRaw(fd, kSuccess);
+        afterSecondObserve.set_value(recvRaw(fd).bytes);  // the dispose, nothing before it
+        sendRaw(fd, kExit);
+        recvRaw(fd);
+    });
+    SocketOemPolicyCBClient channel(&app);
+    EXPECT_FALSE(channel.isSameCallback(nullptr));
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
+    RecordingCallback other;
+    EXPECT_FALSE(channel.isSameCallback(&other));
+    EXPECT_EQ(channel.observe(), -1);
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR, "Client already has a policy callback connection."));
+    EXPECT_TRUE(channel.isSameCallback(&app)) << "the open channel is untouched";
+    channel.dispose();
+    EXPECT_EQ(afterSecondObserve.get_future().get(), kDispose);
+    EXPECT_FALSE(channel.isSameCallback(&app));
+}
+
+// A loop ended by the service leaves a finished thread that nobody joined: the
+// destructor must join it (a joinable std::thread destroyed calls terminate).
+TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
+    FakeService fake(script({kSuccess, kExit}, closedByClient));
+    {
+        SocketOemPolicyCBClient channel(&app);
+        ASSERT_EQ(channel.observe(), 0);
+        ASSERT_TRUE(waitUntil([&] { return closedByClient.load(); }));
+    }
+    EXPECT_TRUE(app.types().empty());
+}
+
+TEST_F(Client, LostServiceIsDeliveredAsTypeHundredOnce) {
+    LogCapture log;
+    FakeService fake([&](int fd) {
+        recvRaw(fd);
+        sendRaw(fd, kSuccess);
+    });  // the script returns and the connection closes
+    SocketOemPolicyCBClient channel(&app);
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(app.waitForCount(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(app.types(), std::vector<int>{kConnectionLost});
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Client connection with server interrupted."));
+    channel.dispose();
+}
+
+struct EndToEnd : Client {
+    EventLog& events = immortal<EventLog>();
+    ForwardingFactory& factory = immortal<ForwardingFactory>(&events);
+    TestService& service = immortal<TestService>(&factory, &events);
 };
 
+// Every delivery blocks in the application, and the next ones still come: so
+// deliveries never run on the receive thread. None carries data.
 TEST_F(EndToEnd, EveryNotificationArrivesAsTypeWithNullDataOffTheReceiveThread) {
-    auto& gated = immortal<GatedCallback>();
     ServiceRunner runner(service);
     SocketOemQueryClient client;
-    ASSERT_EQ(client.observePolicyCallback(&gated), 0);
+    ASSERT_EQ(client.observePolicyCallback(&app), 0);
     ASSERT_TRUE(service.waitForCallback(true));
-
-    // The first delivery blocks in the application; the next ones still come,
-    // so deliveries never run on the receive thread.
-    service.report(7, "non-empty data");
-    ASSERT_TRUE(gated.waitForCount(1));
-    constexpr int kMany = 200;
-    std::multiset<uint16_t> sent = {7};
-    for (int i = 1; i <= kMany; ++i) {
-        service.report(static_cast<uint16_t>(i), "d");
-        sent.insert(static_cast<uint16_t>(i));
+    app.gate(true);
+    std::multiset<int> sent;
+    for (int i = 1; i <= 200; ++i) {
+        service.report(static_cast<uint16_t>(i), "data");
+        sent.insert(i);
     }
-    ASSERT_TRUE(gated.waitForCount(kMany + 1));
-    {
-        std::lock_guard<std::mutex> lock(gated.gate);
-        gated.open = true;
-    }
-    gated.opened.notify_all();
-
-    std::multiset<uint16_t> received;
-    for (const auto& d : gated.deliveries()) {
-        received.insert(d.type);
-        EXPECT_TRUE(d.dataWasNull);
-        EXPECT_NE(d.thread, std::this_thread::get_id());
-    }
-    EXPECT_EQ(received, sent);
-
+    ASSERT_TRUE(app.waitForCount(200));
+    app.gate(false);
+    const std::vector<int> types = app.types();
+    EXPECT_EQ(std::multiset<int>(types.begin(), types.end()), sent);
     client.disposePolicyCallback();
     client.disposePolicyCallback();  // holds none any more: nothing happens
-    ASSERT_TRUE(service.waitForCallback(false));
+    EXPECT_TRUE(service.waitForCallback(false));
 }
 
 TEST_F(EndToEnd, RunningChannelDestroyedWithoutDisposeWarnsDisposesAndWaits) {
@@ -88,18 +219,34 @@ TEST_F(EndToEnd, RunningChannelDestroyedWithoutDisposeWarnsDisposesAndWaits) {
     {
         SocketOemPolicyCBClient channel(&app);
         ASSERT_EQ(channel.observe(), 0);
-        ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
     }
     EXPECT_TRUE(log.contains(ANDROID_LOG_WARN,
                              "Client policy callback is still running, do you forget dispose it?"));
     EXPECT_TRUE(log.contains(ANDROID_LOG_DEBUG, "Client receive exit cmd, will exit recv loop."));
     EXPECT_TRUE(service.waitForCallback(false));
-    EXPECT_TRUE(app.deliveries().empty());
+    EXPECT_TRUE(app.types().empty());
 }
 
-TEST_F(ClientFixture, NoServiceListeningGivesOneAfterTheRetriesAndHoldsNoChannel) {
+// A failed observe leaves the client holding no channel, also when one was
+// held before: that one is replaced, not disposed of, and a later dispose
+// sends nothing on it.
+TEST(ClientObject, FailedObserveLeavesNoChannelHeld) {
+    auto& factory = immortal<ForwardingFactory>();
+    auto& service = immortal<TestService>(&factory);
+    auto& app = immortal<RecordingCallback>();
+    ServiceRunner runner(service);
+    SocketOemQueryClient client;
+    ASSERT_EQ(client.observePolicyCallback(&app), 0);
+    ASSERT_TRUE(service.waitForCallback(true));
+    EXPECT_EQ(client.observePolicyCallback(&app), -1) << "the service holds one channel at most";
+    client.disposePolicyCallback();
+    EXPECT_TRUE(service.report(5, "still open"));
+    EXPECT_TRUE(app.waitForCount(1));
+    EXPECT_EQ(app.types(), std::vector<int>{5});
+}
+
+TEST_F(Client, NoServiceListeningGivesOneAfterTheRetriesAndNullCallbackEleven) {
     LogCapture log;
-    RecordingCallback app;
     SocketOemQueryClient client;
     EXPECT_EQ(client.observePolicyCallback(&app), 1);
     EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "establishConnection retry: 4, interval: 320"), 1u);
@@ -108,17 +255,16 @@ TEST_F(ClientFixture, NoServiceListeningGivesOneAfterTheRetriesAndHoldsNoChannel
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "could not set callback, because it is null."));
 }
 
-TEST(QueryClient, AnswersAtOnceWithoutContactingTheService) {
+TEST(ClientObject, AnswersAtOnceWithoutContactingTheService) {
     LogCapture log;
     SocketOemQueryClient client;
     std::string result = "previous text";
     EXPECT_EQ(client.queryPolicy(1, "", &result), 0);
     EXPECT_EQ(result, "{\"code\":0,\"data\":\"[]\",\"msg\":\"success\"}");
-    EXPECT_EQ(result.size(), 38u);
     EXPECT_EQ(client.queryPolicy(1, "", nullptr), 0);
     RecordingCallback app;
     EXPECT_EQ(client.setPolicyCallback(&app), 0);
-    EXPECT_TRUE(app.deliveries().empty());
+    EXPECT_TRUE(app.types().empty());
     EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "Skip interaction with servcie"), 3u);
 }
 

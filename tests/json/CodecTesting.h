@@ -2,41 +2,28 @@
 
 #include <json/json.h>
 
-#include <cstdint>
-#include <functional>
-#include <random>
+#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
-// Shared by the codec tests: tree helpers, random names, and every reader of
-// a whole message text behind one interface.
 namespace talvoem::test {
 
+// C++ exceptions thrown anywhere in this process so far. The codec must turn
+// bad input away before jsoncpp throws: on Android jsoncpp is built without
+// exceptions and aborts at those points, so an exception the codec catches on
+// the host is a crash on the device.
+int exceptionsThrown();
+
 // A jsoncpp tree from text, and the compact text of a tree (no line feed).
-Json::Value jsonValue(const std::string& text);
-std::string compact(const Json::Value& value);
-
-// Empty, short and duplicate-prone names with the characters that need
-// escaping and multi-byte UTF-8 (valid sequences only: jsoncpp replaces
-// invalid ones when writing).
-std::string randomName(std::mt19937& rng);
-
-// A reader of message texts. It reads into a record preset to recognisable
-// values and describes the record afterwards, so "left unchanged" is a
-// comparison with `preset`.
-struct TextReader {
-    const char* name;
-    const char* failureLog;                             // nullptr: logs nothing
-    std::vector<std::pair<const char*, bool>> members;  // key, true for a string field
-    std::function<int8_t(const std::string&, std::string&)> read;
-    std::string preset;
-};
-enum ReaderId { kResp, kQueryReq, kQueryData, kChannelReq, kChannelMsg, kApiPeek };
-const std::vector<TextReader>& messageReaders();
-
-// Reads `text` and expects a refusal: -1, the record as preset, exactly the
-// reader's failure line at warn priority, and no exception on the way.
-void expectRefused(const TextReader& reader, const std::string& text);
+inline Json::Value jsonValue(const std::string& text) {
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    Json::Value value;
+    reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+    return value;
+}
+inline std::string compact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
 
 }  // namespace talvoem::test

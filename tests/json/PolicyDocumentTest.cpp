@@ -1,32 +1,15 @@
-// The policy document: its exact text, a round trip over generated documents,
-// the reading rules (absent/null members, appending, convertible odd kinds)
-// and every failure: status, what the target holds afterwards, and exactly
-// which lines were logged.
+// The policy document: its exact text and a round trip, the reading rules (absent/null members,
+// appending, convertible odd kinds) and every failure: status, what the target holds afterwards,
+// and exactly which lines were logged.
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "CodecTesting.h"
 #include "LogCapture.h"
 #include "OemJsonUtils.h"
-#include "ThrowCounter.h"
-
-namespace OemJsonUtils::QueryPolicy {
-
-bool operator==(const Function& a, const Function& b) {
-    return a.name == b.name && a.enable == b.enable;
-}
-bool operator==(const Subsystem& a, const Subsystem& b) {
-    return a.name == b.name && a.funcs == b.funcs;
-}
-bool operator==(const Operate& a, const Operate& b) {
-    return a.name == b.name && a.subsyss == b.subsyss;
-}
-
-}  // namespace OemJsonUtils::QueryPolicy
 
 using namespace talvoem::test;
 using namespace OemJsonUtils::QueryPolicy;
@@ -67,83 +50,26 @@ size_t onlyWarnings(const LogCapture& log, const std::string& text) {
     return n;
 }
 
-std::vector<Operate> randomDocument(std::mt19937& rng) {
-    auto count = [&rng](int most) { return std::uniform_int_distribution<int>(0, most)(rng); };
-    std::vector<Operate> ops(count(3));
-    for (Operate& op : ops) {
-        op.name = randomName(rng);
-        op.subsyss.resize(count(3));
-        for (Subsystem& subsys : op.subsyss) {
-            subsys.name = randomName(rng);
-            subsys.funcs.resize(count(4));
-            for (Function& func : subsys.funcs) {
-                func.name = randomName(rng);
-                func.enable = count(1) == 1;
-            }
-        }
-    }
-    return ops;
-}
-
-TEST(PolicyDocument, WritesTheDocumentExactly) {
-    const std::vector<Operate> example = {
-        {"op1", {{"sub1", {{"fn1", true}, {"", false}}}}},
-    };
-    struct Case {
-        const char* what;
-        std::vector<Operate> ops;
-        std::string text;
-    };
-    const Case cases[] = {
-        {"worked example", example,
+// A document with names that need escaping and multi-byte UTF-8 is written
+// exactly and reads back the same; duplicates and empty names stay.
+TEST(PolicyDocument, WritesTheDocumentExactlyAndReadsItBack) {
+    const std::pair<std::vector<Operate>, std::string> cases[] = {
+        {{{"op1", {{"sub1", {{"fn1", true}, {"", false}}}}}},
          R"([{"name":"op1","subsyss":[{"funcs":[{"enable":true,"name":"fn1"},{"enable":false}],"name":"sub1"}]}])"},
-        {"empty document", {}, "[]"},
-        {"empty names and lists",
-         {{"", {}}, {"", {{"", {}}}}},
+        {{}, "[]"},
+        {{{"", {}}, {"", {{"", {}}}}},
          R"([{"name":"","subsyss":[]},{"name":"","subsyss":[{"funcs":[],"name":""}]}])"},
-        {"duplicates kept in order",
-         {{"a", {}}, {"a", {}}},
-         R"([{"name":"a","subsyss":[]},{"name":"a","subsyss":[]}])"},
+        {{{"\"q\"", {{"b\\s\t", {{"caf\xc3\xa9\x01", true}}}}}, {"\"q\"", {}}},
+         R"([{"name":"\"q\"","subsyss":[{"funcs":[{"enable":true,"name":"caf\u00e9\u0001"}],"name":"b\\s\t"}]},{"name":"\"q\"","subsyss":[]}])"},
     };
     LogCapture log;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [ops, expected] : cases) {
         std::string text = "previous";
-        EXPECT_EQ(toJson(c.ops, text), 0);
-        EXPECT_EQ(text, c.text + "\n");
-    }
-    EXPECT_TRUE(log.lines().empty());
-}
-
-// Encode, decode into an empty list: the same document, also when it travels
-// as the envelope's data and when it is appended to a list that holds one.
-TEST(PolicyDocument, GeneratedDocumentsSurviveARoundTrip) {
-    std::mt19937 rng(424242);
-    LogCapture log;
-    for (int i = 0; i < 300; ++i) {
-        const std::vector<Operate> ops = randomDocument(rng);
-        std::string text;
-        ASSERT_EQ(toJson(ops, text), 0);
-        EXPECT_EQ(text.find('\n'), text.size() - 1) << "compact, one final line feed";
-
+        EXPECT_EQ(toJson(ops, text), 0);
+        EXPECT_EQ(text, expected + "\n");
         std::vector<Operate> back;
-        ASSERT_EQ(fromJson(text, back), 0) << text;
-        EXPECT_TRUE(back == ops) << text;
-
-        std::string envelope;
-        OemJsonUtils::Resp resp{0, "success", text};
-        OemJsonUtils::Resp received;
-        ASSERT_EQ(OemJsonUtils::toJson(resp, envelope), 0);
-        ASSERT_EQ(OemJsonUtils::fromJson(envelope, received), 0);
-        std::vector<Operate> carried;
-        ASSERT_EQ(fromJson(received.data, carried), 0);
-        EXPECT_TRUE(carried == ops) << envelope;
-
-        std::vector<Operate> appended = {{"kept", {}}};
-        ASSERT_EQ(fromJson(text, appended), 0);
-        ASSERT_EQ(appended.size(), ops.size() + 1);
-        EXPECT_EQ(appended[0].name, "kept");
-        EXPECT_TRUE(std::vector<Operate>(appended.begin() + 1, appended.end()) == ops);
+        EXPECT_EQ(fromJson(text, back), 0);
+        EXPECT_EQ(describe(back), describe(ops));
     }
     EXPECT_TRUE(log.lines().empty());
 }
@@ -160,7 +86,6 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
     };
     const Case cases[] = {
         {"empty document", "[]", 0, "pre[]", 0},
-        {"with line feed", "[]\n", 0, "pre[]", 0},
         {"comments and whitespace", " /* c */ [ {\"name\" : \"a\"} ] // t\n\t", 0, "pre[],a[]", 0},
         {"empty operation", "[{}]", 0, "pre[],[]", 0},
         {"null members", R"([{"name":"a","subsyss":null},{"name":null}])", 0, "pre[],a[],[]", 0},
@@ -172,13 +97,6 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
          0, "pre[],5[true[1.5-,+,false+]]", 0},
         {"unknown members ignored",
          R"([{"name":"a","x":[{}],"subsyss":[{"y":1,"funcs":[{"z":{}}]}]}])", 0, "pre[],a[[+]]", 0},
-        {"empty text", "", -1, "pre[]", 1},
-        {"not JSON", "not json", -1, "pre[]", 1},
-        {"cut short", "[{\"name\":\"a\"}", -1, "pre[]", 1},
-        {"root object (a whole envelope)", R"({"code":0,"data":"[]","msg":"success"})", -1, "pre[]",
-         1},
-        {"root string", R"("[]")", -1, "pre[]", 1},
-        {"root null", "null", -1, "pre[]", 1},
         {"second operation a number", R"([{"name":"a"},2])", -1, "pre[],a[]", 1},
         {"subsystem not an object", R"([{"name":"a"},{"name":"b","subsyss":[{"name":"s"},[]]}])",
          -1, "pre[],a[]", 1},
@@ -186,16 +104,12 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
          R"([{"name":"a"},{"name":"b","subsyss":[{"name":"s","funcs":[{"name":"f"},"x"]}]},{"name":"c"}])",
          -1, "pre[],a[]", 1},
         {"subsyss an object", R"([{"name":"a"},{"name":"b","subsyss":{}}])", -1, "pre[],a[]", 0},
-        {"subsyss a number", R"([{"name":"a"},{"name":"b","subsyss":7}])", -1, "pre[],a[]", 0},
         {"funcs a string", R"([{"subsyss":[{"funcs":"x"}]}])", -1, "pre[]", 0},
-        {"funcs an object", R"([{"subsyss":[{"name":"s","funcs":{}}]}])", -1, "pre[]", 0},
         {"operation name an array", R"([{"name":"a"},{"name":["x"]}])", -1, "pre[],a[]", 1},
-        {"operation name an object", R"([{"name":{}}])", -1, "pre[]", 1},
         {"subsystem name an object", R"([{"subsyss":[{"name":{"k":1}}]}])", -1, "pre[]", 1},
         {"function name an array", R"([{"subsyss":[{"funcs":[{"name":[1]}]}]}])", -1, "pre[]", 1},
         {"enable a string", R"([{"subsyss":[{"funcs":[{"enable":"true"}]}]}])", -1, "pre[]", 1},
         {"enable an array", R"([{"subsyss":[{"funcs":[{"enable":[]}]}]}])", -1, "pre[]", 1},
-        {"enable an object", R"([{"subsyss":[{"funcs":[{"enable":{}}]}]}])", -1, "pre[]", 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.what) + ": " + c.text);
@@ -246,10 +160,6 @@ TEST(PolicyDocument, RecordDecodersUpdateInPlace) {
         {decodeInto(subsys, R"({"name":[],"funcs":[{}]})"), -1, "keep[f0+]", 1},
         {decodeInto(op, R"({"name":{},"subsyss":[{}]})"), -1, "keep[s0[]]", 1},
         {decodeInto(func, R"({"name":"n","enable":"no"})"), -1, "keep-", 1},
-        // Not an object at all.
-        {decodeInto(func, "[]"), -1, "keep-", 1},
-        {decodeInto(subsys, "1"), -1, "keep[f0+]", 1},
-        {decodeInto(op, "null"), -1, "keep[s0[]]", 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.after);

@@ -2,8 +2,8 @@
 // executable's definition comes first in symbol lookup, so the throws inside
 // libjsoncpp land here too, and are passed on to the next definition (the
 // runtime's, or a sanitizer's interceptor). <cxxabi.h> is deliberately not
-// included: it declares the same function with its own exception specifier list.
-#include "ThrowCounter.h"
+// included, nor CodecTesting.h, whose jsoncpp headers bring it in: it declares
+// the same function with its own exception specifier list.
 
 #include <dlfcn.h>
 

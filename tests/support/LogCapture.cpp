@@ -1,8 +1,9 @@
 #include "LogCapture.h"
 
-#include <condition_variable>
 #include <cstdio>
 #include <mutex>
+
+#include "Wire.h"
 
 namespace talvoem::test {
 
@@ -12,7 +13,6 @@ namespace {
 // exits, after static destructors have begun.
 struct Store {
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<LogLine> lines;
 };
 Store& store() {
@@ -21,25 +21,15 @@ Store& store() {
 }
 
 void capture(const __android_logger_data* data, const char* message) {
-    {
-        std::lock_guard<std::mutex> lock(store().mutex);
-        store().lines.push_back({data->priority, message != nullptr ? message : ""});
-    }
-    store().changed.notify_all();
-}
-
-size_t countLocked(int priority, const std::string& text) {
-    size_t n = 0;
-    for (const LogLine& line : store().lines) {
-        n += (line.priority == priority && line.text == text) ? 1 : 0;
-    }
-    return n;
+    std::lock_guard<std::mutex> lock(store().mutex);
+    store().lines.push_back({data->priority, message != nullptr ? message : ""});
 }
 
 }  // namespace
 
 LogCapture::LogCapture() {
-    clear();
+    std::lock_guard<std::mutex> lock(store().mutex);
+    store().lines.clear();
 }
 
 std::vector<LogLine> LogCapture::lines() const {
@@ -48,20 +38,15 @@ std::vector<LogLine> LogCapture::lines() const {
 }
 
 size_t LogCapture::count(int priority, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(store().mutex);
-    return countLocked(priority, text);
+    size_t n = 0;
+    for (const LogLine& line : lines()) {
+        n += line == LogLine{priority, text} ? 1 : 0;
+    }
+    return n;
 }
 
-bool LogCapture::waitFor(int priority, const std::string& text, size_t n,
-                         std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(store().mutex);
-    return store().changed.wait_for(lock, timeout,
-                                    [&] { return countLocked(priority, text) >= n; });
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(store().mutex);
-    store().lines.clear();
+bool LogCapture::waitFor(int priority, const std::string& text, size_t n) const {
+    return waitUntil([&] { return count(priority, text) >= n; });
 }
 
 void LogCapture::install() {

@@ -2,7 +2,7 @@
 
 #include <android/log.h>
 
-#include <chrono>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,7 +11,11 @@ namespace talvoem::test {
 struct LogLine {
     int priority;
     std::string text;
+    bool operator==(const LogLine& o) const { return priority == o.priority && text == o.text; }
 };
+inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+    return out << line.priority << ":" << line.text;
+}
 
 // Reads what the library logged. The test main installs one process-wide
 // logger (liblog's __android_log_set_logger) at the lowest priority; each
@@ -19,17 +23,13 @@ struct LogLine {
 class LogCapture {
 public:
     LogCapture();
-
     std::vector<LogLine> lines() const;
     // Lines with exactly this priority and text.
     size_t count(int priority, const std::string& text) const;
     bool contains(int priority, const std::string& text) const { return count(priority, text) > 0; }
-    // Waits until `count(priority, text) >= n`; false on timeout.
-    bool waitFor(int priority, const std::string& text, size_t n = 1,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    void clear();
+    // Waits up to 10 s until count(priority, text) >= n.
+    bool waitFor(int priority, const std::string& text, size_t n = 1) const;
 
-    // Installs the capturing logger; called once by the test main.
     static void install();
     // Prints the captured lines to stderr (for a failing test).
     static void dump();

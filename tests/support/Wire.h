@@ -1,39 +1,82 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 
+// A peer of the wire protocol written without the library's transport, shared
+// by the tests, the fuzz targets and the bench: the protocol's literal texts,
+// raw sockets at the fixed path, and the private namespace they live in.
 namespace talvoem::test {
 
-// A raw peer of the wire protocol, independent of the library's transport.
+constexpr const char* kServicePath = "/dev/socket/talvoem";
+constexpr size_t kReceiveLimit = 524288;
 
-// Connects to /dev/socket/talvoem; -1 on failure.
-int connectRaw();
+// The texts the library writes, as they travel (each ends in a line feed).
+extern const std::string kRegister;  // {"api":"setPolicyCallback","type":1}
+extern const std::string kDispose;   // {"api":"setPolicyCallback","type":2}
+extern const std::string kSuccess;   // {"code":0,"msg":"success"}
+extern const std::string kExit;      // {"cmd":2}
+constexpr uint16_t kConnectionLost = 100;
+// {"cmd":1,"data":D,"type":T}; `data` must need no escaping.
+std::string notifyText(uint16_t type, const std::string& data);
+// {"code":C,"msg":M}; `msg` must need no escaping.
+std::string envelopeText(int code, const std::string& msg);
+// A query request with both members present.
+std::string queryText(uint16_t type, const std::string& data);
 
-// Sends `bytes` exactly (embedded NULs included) as one packet.
-bool sendRaw(int fd, const std::string& bytes);
+// Moves the process into a private mount namespace with a fresh tmpfs on
+// /dev/socket (needs root; call before any thread starts). False, with the
+// reason on stderr, when that fails.
+bool enterPrivateSocketDir();
+
+// A socket of `type` bound at `path` (unlinked first), not listening; -1.
+int bindPath(int type = SOCK_SEQPACKET, const char* path = kServicePath);
+// Binds the service path and hands the socket over in ANDROID_SOCKET_talvoem,
+// as init does. The descriptor, or -1.
+int bindControlSocket();
+
+// Connects to the service path; -1 on failure. A positive `sendBuffer` is
+// forced onto the socket first, for packets beyond the default buffer.
+int connectRaw(int sendBuffer = 0);
+// Sends `bytes` exactly (NULs included) as one packet, never raising SIGPIPE.
+bool sendRaw(int fd, const std::string& bytes, int flags = 0);
 
 struct Packet {
-    enum Status { kData, kClosed, kTimeout, kError } status;
+    enum Status { kData, kClosed, kTimeout } status;
     std::string bytes;
 };
-// Receives one packet (up to 1 MiB), waiting at most `timeout`.
+// Receives one packet (up to 1 MiB) within `timeout`. Interrupted waits go
+// on, and the one ECONNRESET a peer leaves when it closes with packets of
+// ours unread is passed over, so the packets it sent before are still read.
 Packet recvRaw(int fd, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// Connects, sends one request, returns the one reply; then reads until the
-// service closes the connection. An empty string when nothing came back.
+// Connects, sends one request, returns the one reply ("" when none came),
+// then waits for the service to close the connection.
 std::string roundTrip(const std::string& request);
-
-// A SOCK_SEQPACKET socketpair, for channel classes tested without a path.
+// Opens a channel by hand; -1 unless the service answered with success.
+int registerRaw();
+// Ends a raw connection from our side and waits until the peer has closed.
+void closeRaw(int fd);
 bool seqpacketPair(int fds[2]);
 
-// Counts the process's open descriptors and threads (from /proc/self).
 int openFdCount();
 int threadCount();
-
 // Polls `done` until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// The process's threads and descriptors at one moment; back() waits until
+// both have returned to it.
+struct Baseline {
+    int threads = threadCount();
+    int fds = openFdCount();
+    bool back(std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return waitUntil([&] { return threadCount() <= threads && openFdCount() <= fds; }, timeout);
+    }
+};
 
 }  // namespace talvoem::test
