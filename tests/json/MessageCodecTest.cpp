@@ -263,14 +263,18 @@ std::string repeat(const std::string& piece, int n) {
 // inside the innermost container: values, whitespace, comments, separators.
 TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
     const std::string inners[] = {"",  "1",  " \t\r\n", "/**/", "// c\n", ",", ":",
-                                  "/", "[]", "{}",      "]",    "}",      "x"};
+                                  "/", "[]", "{}",      "]",    "}",      "x", "\"s\"],[1"};
     const std::pair<std::string, std::string> shapes[] = {{"[", "]"}, {"{\"k\":", "}"}};
+    // What stands before the deep value: closed containers, a string, an empty
+    // line comment and a block comment must all be skipped exactly.
+    const std::string prefixes[] = {"{\"x\":", "[{\"x\":", "{\"a\":[],\"b\":\"s\",\"c\"://\n/**/"};
     for (int depth : {997, 998, 999, 1000, 1001}) {
         for (const std::string& inner : inners) {
             for (const auto& [open, close] : shapes) {
-                const std::string value = repeat(open, depth) + inner + repeat(close, depth);
-                expectJsoncppsVerdict("{\"x\":" + value + "}");
-                expectJsoncppsVerdict("[{\"x\":" + value + "}]");
+                for (const std::string& prefix : prefixes) {
+                    expectJsoncppsVerdict(prefix + repeat(open, depth) + inner +
+                                          repeat(close, depth) + (prefix[0] == '[' ? "}]" : "}"));
+                }
             }
             expectJsoncppsVerdict(repeat("[{\"k\":", depth / 2) + inner + repeat("}]", depth / 2));
         }

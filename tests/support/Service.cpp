@@ -9,6 +9,20 @@
 
 namespace talvoem::test {
 
+void EventLog::add(const std::string& event) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(event);
+}
+
+std::vector<std::string> EventLog::events() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+}
+
+void ForwardingCallback::onPolicyChanged(uint16_t type, std::string* data) {
+    channel_->onPolicyChanged(type, data);
+}
+
 ForwardingCallback::~ForwardingCallback() {
     channel_->onPolicyChanged(0, nullptr);  // dropped: the channel has stopped
     if (log_ != nullptr) {

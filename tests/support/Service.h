@@ -34,14 +34,8 @@ T& immortal(Args&&... args) {
 // Ordered record of what the service side did.
 class EventLog {
 public:
-    void add(const std::string& event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(event);
-    }
-    std::vector<std::string> events() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
+    void add(const std::string& event);
+    std::vector<std::string> events() const;
 
 private:
     mutable std::mutex mutex_;
@@ -55,9 +49,7 @@ class ForwardingCallback : public IOemPolicyCB {
 public:
     ForwardingCallback(IOemPolicyCB* channel, EventLog* log) : channel_(channel), log_(log) {}
     ~ForwardingCallback() override;
-    void onPolicyChanged(uint16_t type, std::string* data) override {
-        channel_->onPolicyChanged(type, data);
-    }
+    void onPolicyChanged(uint16_t type, std::string* data) override;
 
 private:
     IOemPolicyCB* channel_;
@@ -93,7 +85,8 @@ public:
     bool report(uint16_t type, std::string data);
     bool waitForCallback(bool present);
 
-    std::mutex mutex;  // guards answer, lastType, lastData
+    // Set between queries; queryPolicy reads them under `mutex`.
+    std::mutex mutex;
     std::string answer = "{\"code\":0,\"data\":\"[]\",\"msg\":\"success\"}\n";
     uint16_t lastType = 0;
     std::string lastData;
@@ -104,8 +97,8 @@ public:
 
 private:
     EventLog* log_;
-    // report() holds it while a stalled channel may block the report, so
-    // queryPolicy never takes it in echo mode.
+    // Held by report() across the channel's onPolicyChanged, which may block
+    // on a stalled client; queries never take it.
     std::mutex callbackMutex_;
     std::condition_variable callbackChanged_;
     IOemPolicyCB* callback_ = nullptr;
