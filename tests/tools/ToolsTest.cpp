@@ -186,12 +186,11 @@ TEST(CtlTest, GivesEachFailureItsOwnExitStatus) {
     const size_t frame = envelopeText(0, "").size();
     const std::string whole = envelopeText(0, std::string(kReceiveLimit - frame, 'x'));
     const std::string cut = envelopeText(0, std::string(kReceiveLimit - frame + 1, 'x'));
-    const std::string none = "talvoemctl: no service is listening on /dev/socket/talvoem\n";
     // The service's answer (null: no service at all; "refuse": it refuses channels), talvoemctl's
     // arguments, exit status, stdout and stderr.
     const std::tuple<const char*, std::string, int, std::string, std::string> rows[] = {
-        {nullptr, "query", 3, "", none},
-        {nullptr, "watch", 3, "", none},
+        {nullptr, "query", 3, "", "talvoemctl: no service is listening on /dev/socket/talvoem\n"},
+        {nullptr, "watch", 3, "", "talvoemctl: no service is listening on /dev/socket/talvoem\n"},
         {"", "query", 4, "", "talvoemctl: the service closed the connection without an answer\n"},
         {whole.c_str(), "query --json", 0, whole, ""},
         {cut.c_str(), "query", 5, "",
