@@ -31,7 +31,8 @@ public:
     }
     bool waitForCount(size_t n) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return types_.size() >= n; });
+        return changed_.wait_for(lock, std::chrono::seconds(10),
+                                 [&] { return types_.size() >= n; });
     }
     std::vector<int> types() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -158,31 +159,24 @@ TEST_F(Client, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
     EXPECT_FALSE(channel.isSameCallback(&app));
 }
 
-// A loop ended by the service leaves a finished thread that nobody joined: the
-// destructor must join it (a joinable std::thread destroyed calls terminate).
+// A loop ended by the service, by the exit message or by a lost connection
+// (delivered once, as type 100), leaves a finished thread that nobody joined:
+// the destructor must join it (a joinable std::thread destroyed aborts).
 TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
-    FakeService fake(script({kSuccess, kExit}, closedByClient));
-    {
-        SocketOemPolicyCBClient channel(&app);
-        ASSERT_EQ(channel.observe(), 0);
-        ASSERT_TRUE(waitUntil([&] { return closedByClient.load(); }));
+    for (bool lost : {false, true}) {
+        LogCapture log;
+        {
+            FakeService fake(lost ? [](int fd) { recvRaw(fd), sendRaw(fd, kSuccess); }
+                                  : script({kSuccess, kExit}, closedByClient));
+            SocketOemPolicyCBClient channel(&app);
+            ASSERT_EQ(channel.observe(), 0);
+            ASSERT_TRUE(lost ? app.waitForCount(1)
+                             : waitUntil([&] { return closedByClient.load(); }));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(app.types(), lost ? std::vector<int>{kConnectionLost} : std::vector<int>{});
+        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Client connection with server interrupted."), lost);
     }
-    EXPECT_TRUE(app.types().empty());
-}
-
-TEST_F(Client, LostServiceIsDeliveredAsTypeHundredOnce) {
-    LogCapture log;
-    FakeService fake([&](int fd) {
-        recvRaw(fd);
-        sendRaw(fd, kSuccess);
-    });  // the script returns and the connection closes
-    SocketOemPolicyCBClient channel(&app);
-    ASSERT_EQ(channel.observe(), 0);
-    ASSERT_TRUE(app.waitForCount(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(app.types(), std::vector<int>{kConnectionLost});
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Client connection with server interrupted."));
-    channel.dispose();
 }
 
 struct EndToEnd : Client {
@@ -245,27 +239,21 @@ TEST(ClientObject, FailedObserveLeavesNoChannelHeld) {
     EXPECT_EQ(app.types(), std::vector<int>{5});
 }
 
-TEST_F(Client, NoServiceListeningGivesOneAfterTheRetriesAndNullCallbackEleven) {
-    LogCapture log;
-    SocketOemQueryClient client;
-    EXPECT_EQ(client.observePolicyCallback(&app), 1);
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "establishConnection retry: 4, interval: 320"), 1u);
-    client.disposePolicyCallback();
-    EXPECT_EQ(client.observePolicyCallback(nullptr), 11);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "could not set callback, because it is null."));
-}
-
-TEST(ClientObject, AnswersAtOnceWithoutContactingTheService) {
+TEST_F(Client, ClientObjectAnswersAtOnceAndObservesOnlyWithAServiceAndACallback) {
     LogCapture log;
     SocketOemQueryClient client;
     std::string result = "previous text";
     EXPECT_EQ(client.queryPolicy(1, "", &result), 0);
     EXPECT_EQ(result, "{\"code\":0,\"data\":\"[]\",\"msg\":\"success\"}");
     EXPECT_EQ(client.queryPolicy(1, "", nullptr), 0);
-    RecordingCallback app;
     EXPECT_EQ(client.setPolicyCallback(&app), 0);
-    EXPECT_TRUE(app.types().empty());
     EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "Skip interaction with servcie"), 3u);
+    EXPECT_EQ(client.observePolicyCallback(&app), 1);
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, "establishConnection retry: 4, interval: 320"), 1u);
+    client.disposePolicyCallback();
+    EXPECT_EQ(client.observePolicyCallback(nullptr), 11);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "could not set callback, because it is null."));
+    EXPECT_TRUE(app.types().empty());
 }
 
 }  // namespace

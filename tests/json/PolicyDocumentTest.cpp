@@ -38,16 +38,9 @@ std::string describe(const Operate& o) {
     return o.name + "[" + describe(o.subsyss) + "]";
 }
 
-// Counts lines that are exactly `text` at warn priority and fails on any other
-// line.
-size_t onlyWarnings(const LogCapture& log, const std::string& text) {
-    size_t n = 0;
-    for (const LogLine& line : log.lines()) {
-        EXPECT_EQ(line.priority, ANDROID_LOG_WARN);
-        EXPECT_EQ(line.text, text);
-        ++n;
-    }
-    return n;
+// `n` copies of one warning.
+std::vector<LogLine> warnings(size_t n, const char* text) {
+    return std::vector<LogLine>(n, LogLine{ANDROID_LOG_WARN, text});
 }
 
 // A document with names that need escaping and multi-byte UTF-8 is written
@@ -119,7 +112,7 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
         EXPECT_EQ(fromJson(c.text, ops), c.status);
         EXPECT_EQ(exceptionsThrown(), thrownBefore);
         EXPECT_EQ(describe(ops), c.after);
-        EXPECT_EQ(onlyWarnings(log, "Parse json failed."), c.failureLines);
+        EXPECT_EQ(log.lines(), warnings(c.failureLines, "Parse json failed."));
     }
 }
 
@@ -169,7 +162,7 @@ TEST(PolicyDocument, RecordDecodersUpdateInPlace) {
         EXPECT_EQ(c.decode(after), c.status);
         EXPECT_EQ(exceptionsThrown(), thrownBefore);
         EXPECT_EQ(after, c.after);
-        EXPECT_EQ(onlyWarnings(log, "Parse json failed."), c.failureLines);
+        EXPECT_EQ(log.lines(), warnings(c.failureLines, "Parse json failed."));
     }
 }
 
@@ -210,7 +203,7 @@ TEST(PolicyDocument, RecordEncodersWriteTheirMembersOnly) {
         std::string after;
         EXPECT_EQ(c.encode(after), c.status);
         EXPECT_EQ(after, c.after);
-        EXPECT_EQ(onlyWarnings(log, "Serialize json failed."), c.status == 0 ? 0u : 1u);
+        EXPECT_EQ(log.lines(), warnings(c.status == 0 ? 0 : 1, "Serialize json failed."));
     }
 }
 
