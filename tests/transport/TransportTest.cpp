@@ -4,14 +4,13 @@
 // wherever no path is needed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <functional>
-#include <optional>
 #include <thread>
 
-#include "DescriptorsExhausted.h"
 #include "LogCapture.h"
 #include "SocketTransport.h"
 #include "Wire.h"
@@ -36,13 +35,13 @@ TEST(Connection, RetriesFiveTimesThenReturnsTheLastResult) {
         SCOPED_TRACE(failure);
         const int fdsBefore = openFdCount();
         LogCapture log;
-        {
-            std::optional<DescriptorsExhausted> exhausted;
-            if (result == -1) {
-                exhausted.emplace();
-            }
-            EXPECT_EQ(establishConnection(), result);
-        }
+        // A limit of no descriptors at all: every socket() fails with EMFILE.
+        rlimit saved, none = {0, 0};
+        getrlimit(RLIMIT_NOFILE, &saved);
+        none.rlim_max = saved.rlim_max;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, result == -1 ? &none : &saved), 0);
+        EXPECT_EQ(establishConnection(), result);
+        setrlimit(RLIMIT_NOFILE, &saved);
         EXPECT_EQ(openFdCount(), fdsBefore);
         std::vector<LogLine> expected = {{ANDROID_LOG_ERROR, kConnectFailed + failure}};
         for (int retry = 0, ms = 20; retry < 5; ++retry, ms *= 2) {

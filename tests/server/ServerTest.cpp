@@ -1,7 +1,11 @@
-// Policy-callback channels on the service side: registration through the
-// dispatcher (a raw client on the wire) and the sender itself over a
-// socketpair.
+// The service side through real connections: the control socket's hand-over,
+// a failing listen or accept, every request answered in band while the
+// service goes on, channel registration, and the channel's sender alone over
+// a socketpair.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <future>
@@ -15,6 +19,147 @@
 using namespace talvoem::test;
 
 namespace {
+
+const std::string kQuery = "{\"api\":\"queryPolicy\",\"data\":\"abc\",\"type\":3}\n";
+
+std::string noSocketLine(int err) {
+    return std::string("Server failed to connect to socket talvoem, error - ") + strerror(err);
+}
+
+// init's hand-over is trusted only for an open Unix-domain socket bound at
+// /dev/socket/talvoem; a socket that is not the service's stays open.
+TEST(Listener, WithoutAUsableControlSocketInitReturnsMinusOne) {
+    TestService& service = immortal<TestService>(nullptr);
+    const int elsewhere = bindPath(SOCK_SEQPACKET, "/dev/socket/other");
+    const std::pair<std::string, int> cases[] = {
+        {"unset", ENOENT},
+        {"", ENOENT},
+        {"12x", EINVAL},
+        {"-3", EINVAL},
+        {"987", EBADF},
+        {"2147483648", EINVAL},
+        {std::to_string(elsewhere), ENOTSOCK},
+    };
+    for (const auto& [value, err] : cases) {
+        LogCapture log;
+        setenv("ANDROID_SOCKET_talvoem", value.c_str(), 1);
+        if (value == "unset") {
+            unsetenv("ANDROID_SOCKET_talvoem");
+        }
+        EXPECT_EQ(service.init(), -1);
+        EXPECT_EQ(log.lines(), (std::vector<LogLine>{{ANDROID_LOG_ERROR, noSocketLine(err)}}))
+            << value;
+    }
+    EXPECT_EQ(fcntl(elsewhere, F_GETFD), 0) << "a socket that is not ours stays open";
+    close(elsewhere);
+}
+
+TEST(Listener, ListenFailureClosesTheControlSocket) {
+    TestService& service = immortal<TestService>(nullptr);
+    LogCapture log;
+    int fd = bindPath(SOCK_DGRAM);  // at the right path, but cannot listen
+    setenv("ANDROID_SOCKET_talvoem", std::to_string(fd).c_str(), 1);
+    EXPECT_EQ(service.init(), -1);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, std::string("Server failed to listen to socket, "
+                                                            "error - ") +
+                                                    strerror(EOPNOTSUPP)));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "control socket left open";
+}
+
+TEST(Listener, FailedAcceptEndsInitButAcceptedConnectionsAreServed) {
+    TestService& service = immortal<TestService>(nullptr);
+    LogCapture log;
+    ServiceRunner runner(service);
+    int early = connectRaw();
+    ASSERT_GE(early, 0);
+    ASSERT_TRUE(log.waitFor(ANDROID_LOG_INFO, "Server Connected to Client"));
+    EXPECT_TRUE(log.waitFor(ANDROID_LOG_INFO, "Server waiting for client", 2));
+
+    EXPECT_EQ(runner.stop(), -1);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Server failed to accept packet over socket"));
+    EXPECT_EQ(fcntl(runner.listenFd(), F_GETFD), -1) << "listening socket left open";
+    EXPECT_LT(connectRaw(), 0);
+
+    ASSERT_TRUE(sendRaw(early, kQuery));
+    EXPECT_EQ(recvRaw(early).bytes, service.answer);
+    EXPECT_EQ(recvRaw(early).status, Packet::kClosed);
+    close(early);
+}
+
+TEST(Listener, ConnectionsThatBringNothingAreClosedWithoutAnswer) {
+    TestService& service = immortal<TestService>(nullptr);
+    LogCapture log;
+    SocketOemQueryServer::svcHandlerThread(&service, -1);
+    EXPECT_EQ(log.lines(), (std::vector<LogLine>{{ANDROID_LOG_ERROR, "Invalid socket fd."}}));
+
+    ServiceRunner runner(service);
+    for (bool emptyPacket : {false, true}) {
+        int fd = connectRaw();
+        ASSERT_TRUE(emptyPacket ? sendRaw(fd, "") : shutdown(fd, SHUT_WR) == 0);
+        EXPECT_EQ(recvRaw(fd).status, Packet::kClosed);
+        close(fd);
+    }
+    EXPECT_EQ(service.served, 0);
+    EXPECT_EQ(roundTrip(kQuery), service.answer);
+}
+
+// The service's answer goes back byte for byte, up to the 512 KiB a client
+// can receive, whatever the default send buffer; type and data reach it.
+TEST(Dispatch, QueryReachesTheServiceAndItsAnswerComesBackWhole) {
+    TestService& service = immortal<TestService>(nullptr);
+    ServiceRunner runner(service);
+    EXPECT_EQ(roundTrip(kQuery), service.answer);
+    EXPECT_EQ(service.lastType, 3);
+    EXPECT_EQ(service.lastData, "abc");
+    EXPECT_EQ(roundTrip("{\"api\":\"queryPolicy\",\"type\":65537}"), service.answer);
+    EXPECT_EQ(service.lastType, 1);
+    EXPECT_EQ(service.lastData, "");
+    for (size_t size : {200 * 1024, 300 * 1024, static_cast<int>(kReceiveLimit)}) {
+        service.answer = std::string(size, 'a');
+        EXPECT_TRUE(roundTrip(kQuery) == service.answer) << size;
+    }
+}
+
+TEST(Dispatch, EveryBadRequestGetsItsEnvelopeAndTheServiceGoesOn) {
+    const std::tuple<std::string, int, std::string, std::string> cases[] = {
+        {"not json", 4, "Failed to get api.", "Server failed to get api."},
+        {"{}", 11, "Require not empty api.", "Server require not empty api."},
+        {"{\"api\":\"\"}", 11, "Require not empty api.", "Server require not empty api."},
+        {"{\"api\":\"QueryPolicy\"}", 10, "No such api method.",
+         "Server not define such api method."},
+        {"{\"api\":\"queryPolicy\",\"type\":\"3\"}", 4, "Failed to parse request.",
+         "Server failed to parse request."},
+        {"{\"api\":\"setPolicyCallback\",\"type\":[1]}", 4, "Failed to parse request.",
+         "Server failed to parse request."},
+    };
+    TestService& service = immortal<TestService>(nullptr);
+    ServiceRunner runner(service);
+    for (const auto& [request, code, msg, line] : cases) {
+        SCOPED_TRACE(request);
+        LogCapture log;
+        EXPECT_EQ(roundTrip(request), envelopeText(code, msg));
+        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, line), 1u);
+        EXPECT_EQ(roundTrip(kQuery), service.answer);
+    }
+    EXPECT_EQ(service.served, 6);
+}
+
+TEST(Dispatch, FallbackTextOnlyWhenTheServiceFailsWithoutAnswering) {
+    const std::tuple<int8_t, std::string, std::string> cases[] = {
+        {0, "", ""},  // nothing sent: the client sees the close
+        {1, "", "{\"code\":-1,\"msg\":\"failed\"}"},
+        {-1, "custom failure", "custom failure"},
+    };
+    TestService& service = immortal<TestService>(nullptr);
+    ServiceRunner runner(service);
+    for (const auto& [status, answer, reply] : cases) {
+        LogCapture log;
+        service.status = status;
+        service.answer = answer;
+        EXPECT_EQ(roundTrip(kQuery), reply);
+        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Server failed to call api."), answer != reply);
+    }
+}
 
 const std::string kRefused = envelopeText(-1, "Server failed to set policy callback.");
 
@@ -59,11 +204,13 @@ TEST_F(ChannelFixture, NotificationsFromManyThreadsArriveInOrderThenExitComesLas
               (std::vector<std::string>{"set callback", "set null", "callback deleted"}));
 }
 
-TEST_F(ChannelFixture, SecondRegistrationIsRefusedAfterTheLockWaitAndFirstIsUndisturbed) {
+// One channel at most: a second registration waits 500 ms for the lock and
+// is refused, leaving the first undisturbed; one whose wait sees the first
+// channel end gets a channel of its own.
+TEST_F(ChannelFixture, SecondRegistrationWaitsForTheLockAndIsRefusedUnlessItIsReleased) {
     LogCapture log;
     ServiceRunner runner(service);
     int first = registerRaw();
-    ASSERT_GE(first, 0);
     ASSERT_TRUE(service.waitForCallback(true));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(roundTrip(kRegister), kRefused);
@@ -72,14 +219,6 @@ TEST_F(ChannelFixture, SecondRegistrationIsRefusedAfterTheLockWaitAndFirstIsUndi
         log.contains(ANDROID_LOG_ERROR, "Server already established a policy callback connection"));
     service.report(9, "still here");
     EXPECT_EQ(recvRaw(first).bytes, notifyText(9, "still here"));
-    closeRaw(first);
-}
-
-TEST_F(ChannelFixture, RegistrationWaitingForALockReleasedInTimeGetsItsOwnChannel) {
-    ServiceRunner runner(service);
-    int first = registerRaw();
-    ASSERT_GE(first, 0);
-    ASSERT_TRUE(service.waitForCallback(true));
     auto second = std::async(std::launch::async, registerRaw);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it queue on the lock
     ASSERT_TRUE(sendRaw(first, kDispose));
