@@ -180,9 +180,8 @@ TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
 }
 
 struct EndToEnd : Client {
-    EventLog& events = immortal<EventLog>();
-    ForwardingFactory& factory = immortal<ForwardingFactory>(&events);
-    TestService& service = immortal<TestService>(&factory, &events);
+    ForwardingFactory& factory = immortal<ForwardingFactory>();
+    TestService& service = immortal<TestService>(&factory);
 };
 
 // Every delivery blocks in the application, and the next ones still come: so

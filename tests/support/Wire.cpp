@@ -81,12 +81,10 @@ int bindControlSocket() {
     return fd;
 }
 
-int connectRaw(int sendBuffer) {
+int connectRaw() {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un addr = addressOf(kServicePath);
-    if (fd >= 0 && ((sendBuffer > 0 && setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &sendBuffer,
-                                                  sizeof(sendBuffer)) != 0) ||
-                    connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)) {
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         close(fd);
         fd = -1;
     }

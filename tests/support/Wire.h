@@ -39,9 +39,8 @@ int bindPath(int type = SOCK_SEQPACKET, const char* path = kServicePath);
 // as init does. The descriptor, or -1.
 int bindControlSocket();
 
-// Connects to the service path; -1 on failure. A positive `sendBuffer` is
-// forced onto the socket first, for packets beyond the default buffer.
-int connectRaw(int sendBuffer = 0);
+// Connects to the service path; -1 on failure.
+int connectRaw();
 // Sends `bytes` exactly (NULs included) as one packet, never raising SIGPIPE.
 bool sendRaw(int fd, const std::string& bytes, int flags = 0);
 
