@@ -262,8 +262,9 @@ std::string repeat(const std::string& piece, int n) {
 // Around the limit, every shape of nesting with whatever may stand just
 // inside the innermost container: values, whitespace, comments, separators.
 TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
-    const std::string inners[] = {"",  "1",  " \t\r\n", "/**/", "// c\n", ",", ":",
-                                  "/", "[]", "{}",      "]",    "}",      "x", "\"s\"],[1"};
+    const std::string inners[] = {"",  "1", " \t\r\n", "/**/",      "// c\n",
+                                  ",", ":", "/",       "[]",        "{}",
+                                  "]", "}", "x",       "\"s\"],[1", "1/*[*/"};
     const std::pair<std::string, std::string> shapes[] = {{"[", "]"}, {"{\"k\":", "}"}};
     // What stands before the deep value: closed containers, a string, an empty
     // line comment and a block comment must all be skipped exactly.
