@@ -76,7 +76,8 @@ bool TestService::waitForCallback(bool present) {
                                      [&] { return (callback_ != nullptr) == present; });
 }
 
-ServiceRunner::ServiceRunner(SocketOemQueryServer& server) : listenFd_(bindControlSocket()) {
+ServiceRunner::ServiceRunner(SocketOemQueryServer& server) : listenFd_(bindPath()) {
+    setenv("ANDROID_SOCKET_talvoem", std::to_string(listenFd_).c_str(), 1);
     thread_ = std::thread([this, &server] { result_ = server.init(); });
     // Clients may connect as soon as the constructor returns: wait until
     // init() has put the socket into the listening state (or has given up).

@@ -73,14 +73,6 @@ int bindPath(int type, const char* path) {
     return fd;
 }
 
-int bindControlSocket() {
-    int fd = bindPath();
-    if (fd >= 0) {
-        setenv("ANDROID_SOCKET_talvoem", std::to_string(fd).c_str(), 1);
-    }
-    return fd;
-}
-
 int connectRaw() {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un addr = addressOf(kServicePath);

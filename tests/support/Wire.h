@@ -35,9 +35,6 @@ bool enterPrivateSocketDir();
 
 // A socket of `type` bound at `path` (unlinked first), not listening; -1.
 int bindPath(int type = SOCK_SEQPACKET, const char* path = kServicePath);
-// Binds the service path and hands the socket over in ANDROID_SOCKET_talvoem,
-// as init does. The descriptor, or -1.
-int bindControlSocket();
 
 // Connects to the service path; -1 on failure.
 int connectRaw();
