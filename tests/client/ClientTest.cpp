@@ -146,6 +146,7 @@ TEST_F(Client, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
     });
     SocketOemPolicyCBClient channel(&app);
     EXPECT_FALSE(channel.isSameCallback(nullptr));
+    EXPECT_FALSE(channel.isSameCallback(&app)) << "not before the loop runs";
     ASSERT_EQ(channel.observe(), 0);
     ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
     RecordingCallback other;
@@ -177,6 +178,25 @@ TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
         EXPECT_EQ(app.types(), lost ? std::vector<int>{kConnectionLost} : std::vector<int>{});
         EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Client connection with server interrupted."), lost);
     }
+}
+
+// A dispose request that cannot be sent closes the descriptor by force, and
+// the shutdown before the close wakes the receive still blocked on it.
+TEST_F(Client, DisposeThatCannotBeSentClosesByForceAndWakesTheReceive) {
+    LogCapture log;
+    std::promise<void> disposed;
+    FakeService fake([&](int fd) {
+        recvRaw(fd);
+        shutdown(fd, SHUT_RD);  // what the client sends from now on fails with EPIPE
+        sendRaw(fd, kSuccess);
+        disposed.get_future().wait();
+    });
+    SocketOemPolicyCBClient channel(&app);
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
+    channel.dispose();
+    disposed.set_value();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Client force close fd"));
 }
 
 struct EndToEnd : Client {

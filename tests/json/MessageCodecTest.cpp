@@ -281,6 +281,7 @@ TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
         }
     }
     expectJsoncppsVerdict("{\"x\":" + repeat("[", 100000) + repeat("]", 100000) + "}");
+    expectJsoncppsVerdict("{}" + repeat("[", 1001));  // nothing after the root is read
 }
 
 // Near-limit text of random brackets, strings with brackets inside, comments

@@ -122,7 +122,7 @@ TEST(Dispatch, QueryReachesTheServiceAndItsAnswerComesBackWhole) {
 
 TEST(Dispatch, EveryBadRequestGetsItsEnvelopeAndTheServiceGoesOn) {
     const std::tuple<std::string, int, std::string, std::string> cases[] = {
-        {"not json", 4, "Failed to get api.", "Server failed to get api."},
+        {"x", 4, "Failed to get api.", "Server failed to get api."},
         {"{}", 11, "Require not empty api.", "Server require not empty api."},
         {"{\"api\":\"\"}", 11, "Require not empty api.", "Server require not empty api."},
         {"{\"api\":\"QueryPolicy\"}", 10, "No such api method.",
@@ -136,6 +136,8 @@ TEST(Dispatch, EveryBadRequestGetsItsEnvelopeAndTheServiceGoesOn) {
     ServiceRunner runner(service);
     for (const auto& [request, code, msg, line] : cases) {
         SCOPED_TRACE(request);
+        std::string text = request, response;
+        EXPECT_EQ(service.onTransact(-1, text, response), 0) << "a refusal is no failure";
         LogCapture log;
         EXPECT_EQ(roundTrip(request), envelopeText(code, msg));
         EXPECT_EQ(log.count(ANDROID_LOG_ERROR, line), 1u);
@@ -153,9 +155,11 @@ TEST(Dispatch, FallbackTextOnlyWhenTheServiceFailsWithoutAnswering) {
     TestService& service = immortal<TestService>(nullptr);
     ServiceRunner runner(service);
     for (const auto& [status, answer, reply] : cases) {
-        LogCapture log;
         service.status = status;
         service.answer = answer;
+        std::string text = kQuery, response;
+        EXPECT_EQ(service.onTransact(-1, text, response), status);
+        LogCapture log;
         EXPECT_EQ(roundTrip(kQuery), reply);
         EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Server failed to call api."), answer != reply);
     }
@@ -323,6 +327,9 @@ TEST_F(Sender, PacketsThatAreNotADisposeKeepTheChannelOpen) {
     sender.onPolicyChanged(3, &data);
     EXPECT_EQ(recvRaw(fds[1]).bytes,
               "{\"cmd\":1,\"data\":\"{\\\"quoted\\\":\\\"json\\\"}\",\"type\":3}\n");
+    shutdown(fds[1], SHUT_RD);  // the client takes nothing more: a send fails, the loop goes on
+    sender.onPolicyChanged(4, nullptr);
+    EXPECT_TRUE(log.waitFor(ANDROID_LOG_ERROR, "Server not able to send msg, error - Broken pipe"));
     ASSERT_TRUE(sendRaw(fds[1], kDispose));
     EXPECT_EQ(result.get(), 0);
 }
