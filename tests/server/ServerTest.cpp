@@ -30,7 +30,7 @@ std::string noSocketLine(int err) {
 // /dev/socket/talvoem; a socket that is not the service's stays open.
 TEST(Listener, WithoutAUsableControlSocketInitReturnsMinusOne) {
     TestService& service = immortal<TestService>(nullptr);
-    const int elsewhere = bindPath(SOCK_SEQPACKET, "/dev/socket/other");
+    const int elsewhere = bindPath(SOCK_SEQPACKET, "/dev/socket/talvoem_");
     const std::pair<std::string, int> cases[] = {
         {"unset", ENOENT},
         {"", ENOENT},
