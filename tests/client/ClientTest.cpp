@@ -117,23 +117,6 @@ TEST_F(Client, FailedRegistrationClosesItsDescriptorAndReturnsItsCode) {
     }
 }
 
-TEST_F(Client, ReceiverIgnoresUnknownMessagesDeliversNotifyAndStopsOnExit) {
-    LogCapture log;
-    FakeService fake(script({kSuccess, "{\"cmd\":3,\"type\":1}", "garbage", "{\"type\":2}",
-                             "{\"cmd\":1,\"data\":\"x\",\"type\":4}\n", kExit},
-                            closedByClient));
-    SocketOemPolicyCBClient channel(&app);
-    ASSERT_EQ(channel.observe(), 0);
-    ASSERT_TRUE(log.waitFor(ANDROID_LOG_DEBUG, "Client receive exit cmd, will exit recv loop."));
-    ASSERT_TRUE(waitUntil([&] { return closedByClient.load(); })) << "exit leaves the fd open";
-    ASSERT_TRUE(app.waitForCount(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(app.types(), std::vector<int>{4}) << "only the notify message, without its data";
-    EXPECT_FALSE(channel.isSameCallback(&app)) << "the loop has ended";
-    channel.dispose();  // sends nothing: the descriptor is already gone
-    channel.dispose();
-}
-
 TEST_F(Client, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
     LogCapture log;
     std::promise<std::string> afterSecondObserve;

@@ -6,7 +6,6 @@
 
 #include <climits>
 #include <functional>
-#include <random>
 
 #include "CodecTesting.h"
 #include "LogCapture.h"
@@ -168,21 +167,6 @@ TEST(MessageReaders, ReadPresentMembersAndLeaveTheRestAlone) {
     }
 }
 
-TEST(MessageReaders, RefuseTextThatIsNotOfTheirKind) {
-    for (const TextReader& reader : readers()) {
-        for (const char* text : {"", " \n", "{", "}", "42", "\"s\"", "null", "true", "{\"a\":1",
-                                 "{'a':1}", "/**/", "{\"a\":tru}"}) {
-            expectRefused(reader, text);
-        }
-        for (const char* text : {"[]", "[{}]"}) {
-            if (&reader != &readers()[kDocument]) {
-                expectRefused(reader, text);
-            }
-        }
-    }
-    expectRefused(readers()[kDocument], "{}");
-}
-
 // A member of a kind that does not convert to its field refuses the whole
 // message, also when the members read before it did convert.
 TEST(MessageReaders, RefuseMembersOfKindsThatDoNotConvert) {
@@ -201,21 +185,6 @@ TEST(MessageReaders, RefuseMembersOfKindsThatDoNotConvert) {
             }
         }
     }
-}
-
-TEST(MessageCodec, HasValueWantsAnObjectWithANonNullMember) {
-    const std::pair<const char*, bool> cases[] = {
-        {R"({"a":null})", false}, {R"({"b":1})", false},    {R"({"a":0})", true},
-        {R"({"a":""})", true},    {R"({"a":false})", true}, {R"(["a"])", false},
-        {R"("a")", false},        {"null", false},
-    };
-    const int thrownBefore = exceptionsThrown();
-    for (const auto& [json, expected] : cases) {
-        const Json::Value value = jsonValue(json);
-        EXPECT_EQ(OemJsonUtils::hasValue(value, "a"), expected) << json;
-        EXPECT_EQ(compact(value), compact(jsonValue(json))) << "nothing inserted";
-    }
-    EXPECT_EQ(exceptionsThrown(), thrownBefore);
 }
 
 // Holds every reader to jsoncpp's verdict on the same text: 0 and no line
@@ -266,9 +235,11 @@ TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
                                   ",", ":", "/",       "[]",        "{}",
                                   "]", "}", "x",       "\"s\"],[1", "1/*[*/"};
     const std::pair<std::string, std::string> shapes[] = {{"[", "]"}, {"{\"k\":", "}"}};
-    // What stands before the deep value: closed containers, a string, an empty
-    // line comment and a block comment must all be skipped exactly.
-    const std::string prefixes[] = {"{\"x\":", "[{\"x\":", "{\"a\":[],\"b\":\"s\",\"c\"://\n/**/"};
+    // What stands before the deep value: closed containers, a string holding
+    // an escaped quote and brackets, an empty line comment and a block comment
+    // must all be skipped exactly.
+    const std::string prefixes[] = {
+        "{\"x\":", "[{\"x\":", "{\"a\":[],\"b\":\"\\\"[{\",\"c\"://\n/**/"};
     for (int depth : {997, 998, 999, 1000, 1001}) {
         for (const std::string& inner : inners) {
             for (const auto& [open, close] : shapes) {
@@ -282,36 +253,6 @@ TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
     }
     expectJsoncppsVerdict("{\"x\":" + repeat("[", 100000) + repeat("]", 100000) + "}");
     expectJsoncppsVerdict("{}" + repeat("[", 1001));  // nothing after the root is read
-}
-
-// Near-limit text of random brackets, strings with brackets inside, comments
-// and cut-off endings: the scan ahead of the parser must never let through
-// what makes jsoncpp throw, nor refuse what it parses.
-TEST(NestingLimit, RandomDeepTextGetsJsoncppsVerdict) {
-    const std::vector<std::string> openers = {"[",       "{\"k\":", "[ ",
-                                              "{\"[\":", "[/*{*/",  "{\"k\"://]\n"};
-    const std::vector<std::string> fillers = {"1", "\"]}\"", "\"\\\"[\"", "//x\n",
-                                              ",", "/",      "{\"k\":",   "["};
-    const std::vector<std::string> closers = {"]", "}", " ]", "},", "],"};
-    std::mt19937 rng(7);
-    auto pick = [&rng](const std::vector<std::string>& pieces) -> const std::string& {
-        return pieces[std::uniform_int_distribution<size_t>(0, pieces.size() - 1)(rng)];
-    };
-    for (int i = 0; i < 300; ++i) {
-        const int depth = std::uniform_int_distribution<int>(995, 1001)(rng);
-        std::string text;
-        for (int d = 0; d < depth; ++d) {
-            text += pick(openers);
-        }
-        for (int f = std::uniform_int_distribution<int>(0, 3)(rng); f > 0; --f) {
-            text += pick(fillers);
-        }
-        const int closed = i % 5 == 0 ? 0 : std::uniform_int_distribution<int>(0, depth)(rng);
-        for (int d = 0; d < closed; ++d) {
-            text += pick(closers);
-        }
-        expectJsoncppsVerdict(text);
-    }
 }
 
 }  // namespace

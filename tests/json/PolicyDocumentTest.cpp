@@ -117,56 +117,6 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
 }
 
 template <typename Record>
-std::function<int8_t(std::string&)> decodeInto(Record record, const std::string& json) {
-    return [record, json](std::string& after) mutable {
-        int8_t status = fromJsonValue(jsonValue(json), record);
-        after = describe(record);
-        return status;
-    };
-}
-
-// The record decoders called directly, on records that already hold values:
-// they update in place, append, and on failure leave what the rules say.
-TEST(PolicyDocument, RecordDecodersUpdateInPlace) {
-    const Function func{"keep", false};
-    const Subsystem subsys{"keep", {{"f0", true}}};
-    const Operate op{"keep", {{"s0", {}}}};
-    struct Case {
-        std::function<int8_t(std::string&)> decode;  // describes the record afterwards
-        int8_t status;
-        std::string after;
-        size_t failureLines;
-    };
-    const Case cases[] = {
-        {decodeInto(func, "{}"), 0, "keep+", 0},
-        {decodeInto(func, R"({"enable":false})"), 0, "keep-", 0},
-        {decodeInto(func, R"({"name":"n"})"), 0, "n+", 0},
-        {decodeInto(subsys, R"({"funcs":[{"name":"f1"}]})"), 0, "keep[f0+,f1+]", 0},
-        {decodeInto(subsys, R"({"name":"n","funcs":null})"), 0, "n[f0+]", 0},
-        {decodeInto(op, R"({"subsyss":[{"name":"s1"}]})"), 0, "keep[s0[],s1[]]", 0},
-        {decodeInto(op, R"({"name":"n"})"), 0, "n[s0[]]", 0},
-        // A list that is not an array: the name is already set.
-        {decodeInto(subsys, R"({"name":"n","funcs":{}})"), -1, "n[f0+]", 0},
-        {decodeInto(subsys, R"({"name":"n","funcs":[{"name":"a"},3,{}]})"), -1, "n[f0+,a+]", 1},
-        {decodeInto(op, R"({"subsyss":[{"name":"s1"},{"funcs":[7]}]})"), -1, "keep[s0[],s1[]]", 1},
-        // A name or flag that does not convert leaves the record untouched.
-        {decodeInto(subsys, R"({"name":[],"funcs":[{}]})"), -1, "keep[f0+]", 1},
-        {decodeInto(op, R"({"name":{},"subsyss":[{}]})"), -1, "keep[s0[]]", 1},
-        {decodeInto(func, R"({"name":"n","enable":"no"})"), -1, "keep-", 1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.after);
-        LogCapture log;
-        const int thrownBefore = exceptionsThrown();
-        std::string after;
-        EXPECT_EQ(c.decode(after), c.status);
-        EXPECT_EQ(exceptionsThrown(), thrownBefore);
-        EXPECT_EQ(after, c.after);
-        EXPECT_EQ(log.lines(), warnings(c.failureLines, "Parse json failed."));
-    }
-}
-
-template <typename Record>
 std::function<int8_t(std::string&)> encodeInto(Record record, Json::Value target) {
     return [record, target](std::string& after) mutable {
         int8_t status = toJsonValue(record, target);

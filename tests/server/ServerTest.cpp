@@ -8,6 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <future>
 #include <map>
 
@@ -264,6 +265,52 @@ TEST_F(ChannelFixture, RefusedRegistrationsLeaveNoChannelAndTheLockFree) {
     service.refuseCallback = false;
     int fd = registerRaw();
     EXPECT_GE(fd, 0);
+    closeRaw(fd);
+}
+
+// ThreadSanitizer is about ten times slower and tracks every thread the
+// service starts, one per connection.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kQueriesWhileStalled = 20;
+#else
+constexpr int kQueriesWhileStalled = 200;
+#endif
+
+// A client gone with notifications queued, or one that never reads while its
+// socket fills and the send thread blocks, ends only its own channel; queries
+// are served meanwhile, and a new channel works afterwards.
+TEST_F(ChannelFixture, ClientsThatVanishOrNeverReadEndOnlyTheirChannel) {
+    service.echo = true;
+    ServiceRunner runner(service);
+    Baseline baseline;
+    for (bool reads : {true, false}) {
+        SCOPED_TRACE(reads ? "vanishes mid-flood" : "never reads");
+        LogCapture log;
+        int fd = registerRaw();
+        ASSERT_TRUE(service.waitForCallback(true));
+        const int flood = reads ? 10000 : 100000;
+        std::atomic<int> reported{0};
+        std::thread reporter([&] {
+            for (; reported < flood; ++reported) {
+                service.report(static_cast<uint16_t>(reported % 65535 + 1), "notification");
+            }
+        });
+        for (int i = 0; reads && i < 100; ++i) {
+            ASSERT_EQ(recvRaw(fd).status, Packet::kData);
+        }
+        for (int i = 0; !reads && i < kQueriesWhileStalled; ++i) {
+            ASSERT_EQ(roundTrip(queryText(3, std::to_string(i))), echoAnswer(3, std::to_string(i)));
+        }
+        EXPECT_TRUE(reads || reported < flood) << "the client never read: no backlog?";
+        close(fd);
+        reporter.join();
+        EXPECT_TRUE(log.waitFor(ANDROID_LOG_ERROR,
+                                "Server policy callback connection with client interrupted."));
+        EXPECT_TRUE(service.waitForCallback(false));
+        EXPECT_TRUE(baseline.back()) << threadCount() << " threads, " << openFdCount() << " fds";
+    }
+    int fd = registerRaw();
+    EXPECT_GE(fd, 0) << "a new channel after both";
     closeRaw(fd);
 }
 

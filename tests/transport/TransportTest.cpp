@@ -54,32 +54,6 @@ TEST(Connection, RetriesFiveTimesThenReturnsTheLastResult) {
     }
 }
 
-// The service starts listening once the first attempt has failed: the next
-// attempt's descriptor is returned, connected, and the retries stop there.
-TEST(Connection, ServiceAppearingBetweenAttemptsIsUsed) {
-    LogCapture log;
-    int listener = -1;
-    std::thread service([&] {
-        log.waitFor(ANDROID_LOG_ERROR,
-                    kConnectFailed + "connection failed No such file or directory)");
-        listener = bindPath();
-        listen(listener, 1);
-    });
-    int fd = establishConnection();
-    service.join();
-    ASSERT_GE(fd, 0);
-    size_t failed = 0, retries = 0;
-    for (const LogLine& line : log.lines()) {
-        failed += line.priority == ANDROID_LOG_ERROR;
-        retries += line.priority == ANDROID_LOG_DEBUG;
-    }
-    EXPECT_GE(failed, 1u);
-    EXPECT_EQ(retries, failed) << "no retry after the attempt that connected";
-
-    close(fd);
-    close(listener);
-}
-
 // Both ends of a SOCK_SEQPACKET pair with default buffers; `local` is the
 // library's side. An end set to -1 is not closed again.
 struct Pair {
