@@ -117,32 +117,6 @@ TEST_F(Client, FailedRegistrationClosesItsDescriptorAndReturnsItsCode) {
     }
 }
 
-TEST_F(Client, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
-    LogCapture log;
-    std::promise<std::string> afterSecondObserve;
-    FakeService fake([&](int fd) {
-        recvRaw(fd);
-        sendRaw(fd, kSuccess);
-        afterSecondObserve.set_value(recvRaw(fd).bytes);  // the dispose, nothing before it
-        sendRaw(fd, kExit);
-        recvRaw(fd);
-    });
-    SocketOemPolicyCBClient channel(&app);
-    EXPECT_FALSE(channel.isSameCallback(nullptr));
-    EXPECT_FALSE(channel.isSameCallback(&app)) << "not before the loop runs";
-    ASSERT_EQ(channel.observe(), 0);
-    ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
-    RecordingCallback other;
-    EXPECT_FALSE(channel.isSameCallback(&other));
-    EXPECT_EQ(channel.observe(), -1);
-    EXPECT_TRUE(
-        log.contains(ANDROID_LOG_ERROR, "Client already has a policy callback connection."));
-    EXPECT_TRUE(channel.isSameCallback(&app)) << "the open channel is untouched";
-    channel.dispose();
-    EXPECT_EQ(afterSecondObserve.get_future().get(), kDispose);
-    EXPECT_FALSE(channel.isSameCallback(&app));
-}
-
 // A loop ended by the service, by the exit message or by a lost connection
 // (delivered once, as type 100), leaves a finished thread that nobody joined:
 // the destructor must join it (a joinable std::thread destroyed aborts).
@@ -221,6 +195,24 @@ TEST_F(EndToEnd, RunningChannelDestroyedWithoutDisposeWarnsDisposesAndWaits) {
     EXPECT_TRUE(log.contains(ANDROID_LOG_DEBUG, "Client receive exit cmd, will exit recv loop."));
     EXPECT_TRUE(service.waitForCallback(false));
     EXPECT_TRUE(app.types().empty());
+}
+
+TEST_F(EndToEnd, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {
+    LogCapture log;
+    ServiceRunner runner(service);
+    SocketOemPolicyCBClient channel(&app);
+    EXPECT_FALSE(channel.isSameCallback(nullptr));
+    EXPECT_FALSE(channel.isSameCallback(&app)) << "not before the loop runs";
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
+    EXPECT_FALSE(channel.isSameCallback(&immortal<RecordingCallback>()));
+    EXPECT_EQ(channel.observe(), -1);
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR, "Client already has a policy callback connection."));
+    EXPECT_TRUE(channel.isSameCallback(&app)) << "the open channel is untouched";
+    channel.dispose();
+    EXPECT_TRUE(service.waitForCallback(false)) << "the dispose request reached the service";
+    EXPECT_FALSE(channel.isSameCallback(&app));
 }
 
 // A failed observe leaves the client holding no channel, also when one was

@@ -4,7 +4,6 @@
 // Android it aborts there; jsoncpp itself is the oracle for the limit).
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <functional>
 
 #include "CodecTesting.h"
@@ -32,7 +31,6 @@ std::string describe(const std::string& api) {
 // A reader of whole message texts. It reads into a record preset to
 // recognisable values, so "left unchanged" is a comparison with `preset`.
 struct TextReader {
-    const char* name;
     const char* failureLog;                             // nullptr: logs nothing
     std::vector<std::pair<const char*, bool>> members;  // key, true for a string field
     std::function<int8_t(const std::string&, std::string&)> read;
@@ -40,38 +38,33 @@ struct TextReader {
 };
 
 template <typename Record>
-TextReader makeReader(const char* name, const char* failureLog,
-                      std::vector<std::pair<const char*, bool>> members, Record preset,
-                      int8_t (*fromJson)(const std::string&, Record&)) {
+TextReader makeReader(const char* failureLog, std::vector<std::pair<const char*, bool>> members,
+                      Record preset, int8_t (*fromJson)(const std::string&, Record&)) {
     auto read = [preset, fromJson](const std::string& text, std::string& after) {
         Record record = preset;
         const int8_t status = fromJson(text, record);
         after = describe(record);
         return status;
     };
-    return {name, failureLog, std::move(members), read, describe(preset)};
+    return {failureLog, std::move(members), read, describe(preset)};
 }
 
 enum ReaderId { kResp, kQueryReq, kQueryData, kChannelReq, kChannelMsg, kApiPeek, kDocument };
 const std::vector<TextReader>& readers() {
     constexpr bool S = true, I = false;
     static const std::vector<TextReader> all = {
-        makeReader("Resp", "Parse json failed", {{"code", I}, {"msg", S}, {"data", S}},
-                   Resp{7, "m0", "d0"}, &OemJsonUtils::fromJson),
-        makeReader("QueryPolicy::Req", "Parse json failed.", {{"api", S}, {"type", I}, {"data", S}},
+        makeReader("Parse json failed", {{"code", I}, {"msg", S}, {"data", S}}, Resp{7, "m0", "d0"},
+                   &OemJsonUtils::fromJson),
+        makeReader("Parse json failed.", {{"api", S}, {"type", I}, {"data", S}},
                    QP::Req{"a0", 9, "d0"}, &QP::fromJson),
-        makeReader("QueryPolicy::Data", "Parse json failed.",
-                   {{"op_name", S}, {"subsys_name", S}, {"func_name", S}},
+        makeReader("Parse json failed.", {{"op_name", S}, {"subsys_name", S}, {"func_name", S}},
                    QP::Data{"o0", "s0", "f0"}, &QP::fromJson),
-        makeReader("SetPolicyCallback::Req", "Parse json failed.", {{"api", S}, {"type", I}},
-                   SPC::Req{"a0", 9}, &SPC::fromJson),
-        makeReader("SetPolicyCallback::Callback", "Parse json failed.",
-                   {{"cmd", I}, {"type", I}, {"data", S}}, SPC::Callback{9, 9, "d0"},
+        makeReader("Parse json failed.", {{"api", S}, {"type", I}}, SPC::Req{"a0", 9},
                    &SPC::fromJson),
-        makeReader("getRequestApi", nullptr, {{"api", S}}, std::string("a0"),
-                   &OemJsonUtils::getRequestApi),
-        makeReader("policy document", "Parse json failed.", {},
-                   std::vector<QP::Operate>{{"pre", {}}}, &QP::fromJson),
+        makeReader("Parse json failed.", {{"cmd", I}, {"type", I}, {"data", S}},
+                   SPC::Callback{9, 9, "d0"}, &SPC::fromJson),
+        makeReader(nullptr, {{"api", S}}, std::string("a0"), &OemJsonUtils::getRequestApi),
+        makeReader("Parse json failed.", {}, std::vector<QP::Operate>{{"pre", {}}}, &QP::fromJson),
     };
     return all;
 }
@@ -79,7 +72,7 @@ const std::vector<TextReader>& readers() {
 // Expects a refusal: -1, the record as preset, exactly the reader's failure
 // line at warn priority, and no exception on the way.
 void expectRefused(const TextReader& reader, const std::string& text) {
-    SCOPED_TRACE(std::string(reader.name) + " <- " + text.substr(0, 100));
+    SCOPED_TRACE(reader.preset + " <- " + text.substr(0, 100));
     LogCapture log;
     const int thrownBefore = exceptionsThrown();
     std::string after;
@@ -105,7 +98,6 @@ TEST(MessageWriters, WriteCompactTextInKeyOrderWithOneLineFeed) {
         {written(Resp{0, "success", "[]"}), R"({"code":0,"data":"[]","msg":"success"})"},
         {written(Resp{-1, "failed", ""}), R"({"code":-1,"msg":"failed"})"},
         {written(Resp{0, "", ""}), R"({"code":0})"},
-        {written(Resp{INT32_MIN, "q\"b\\", ""}), R"({"code":-2147483648,"msg":"q\"b\\"})"},
         {written(Resp{0, "", "[{\"name\":\"a\"}]\n"}),
          R"({"code":0,"data":"[{\"name\":\"a\"}]\n"})"},
         {written(QP::Req{"queryPolicy", 3, "abc"}),
@@ -114,8 +106,6 @@ TEST(MessageWriters, WriteCompactTextInKeyOrderWithOneLineFeed) {
         {written(QP::Req{"", 65535, ""}), R"({"type":65535})"},
         {written(QP::Data{"o", "s", "f"}), R"({"func_name":"f","op_name":"o","subsys_name":"s"})"},
         {written(QP::Data{"o", "", ""}), R"({"op_name":"o"})"},
-        {written(QP::Data{"", "s", ""}), R"({"subsys_name":"s"})"},
-        {written(QP::Data{"", "", "f"}), R"({"func_name":"f"})"},
         {written(SPC::Req{"setPolicyCallback", 1}), R"({"api":"setPolicyCallback","type":1})"},
         {written(SPC::Req{"", 0}), R"({})"},
         {written(SPC::Callback{1, 7, "x"}), R"({"cmd":1,"data":"x","type":7})"},
@@ -129,19 +119,14 @@ TEST(MessageWriters, WriteCompactTextInKeyOrderWithOneLineFeed) {
 
 TEST(MessageReaders, ReadPresentMembersAndLeaveTheRestAlone) {
     const std::tuple<ReaderId, std::string, std::string> cases[] = {
-        {kResp, R"({"code":0,"data":"[]","msg":"success"})",
-         R"({"code":0,"data":"[]","msg":"success"})"},
         {kResp, "/* c */ {\"msg\":\"x\"} // tail\n \t\r\n", R"({"code":7,"data":"d0","msg":"x"})"},
         {kResp, R"({"code":null,"msg":null,"data":null})", R"({"code":7,"data":"d0","msg":"m0"})"},
         {kResp, R"({"code":-2147483648,"msg":12,"data":true,"x":1})",
          R"({"code":-2147483648,"data":"true","msg":"12"})"},
-        {kResp, R"({"code":2.9,"msg":""})", R"({"code":2,"data":"d0"})"},
         {kQueryReq, R"({"type":3,"data":"abc","api":"queryPolicy"})",
          R"({"api":"queryPolicy","data":"abc","type":3})"},
         {kQueryReq, R"({"type":65537})", R"({"api":"a0","data":"d0","type":1})"},
-        {kQueryReq, R"({"type":65536})", R"({"api":"a0","data":"d0"})"},
         {kQueryReq, R"({"type":-1})", R"({"api":"a0","data":"d0","type":65535})"},
-        {kQueryReq, R"({"type":true})", R"({"api":"a0","data":"d0","type":1})"},
         {kQueryReq, R"({"type":null})", R"({"api":"a0","data":"d0","type":9})"},
         {kQueryData, R"({"op_name":"o","extra":1})",
          R"({"func_name":"f0","op_name":"o","subsys_name":"s0"})"},
@@ -154,11 +139,10 @@ TEST(MessageReaders, ReadPresentMembersAndLeaveTheRestAlone) {
         {kChannelMsg, R"({"cmd":65536,"type":-2})", R"({"data":"d0","type":65534})"},
         {kApiPeek, R"({"api":"queryPolicy","type":1})", "queryPolicy"},
         {kApiPeek, R"({"api":null})", "a0"},
-        {kApiPeek, R"({"api":5})", "5"},
     };
     for (const auto& [id, text, after] : cases) {
         const TextReader& reader = readers()[id];
-        SCOPED_TRACE(std::string(reader.name) + " <- " + text);
+        SCOPED_TRACE(std::string(reader.preset) + " <- " + text);
         LogCapture log;
         std::string read;
         EXPECT_EQ(reader.read(text, read), 0);
@@ -215,7 +199,7 @@ void expectJsoncppsVerdict(const std::string& text) {
         const int thrownBefore = exceptionsThrown();
         std::string after;
         EXPECT_EQ(reader.read(text, after), objects ? 0 : -1)
-            << reader.name << " <- " << text.substr(0, 60);
+            << reader.preset << " <- " << text.substr(0, 60);
         EXPECT_EQ(exceptionsThrown(), thrownBefore);
     }
 }

@@ -78,8 +78,6 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
         size_t failureLines;
     };
     const Case cases[] = {
-        {"empty document", "[]", 0, "pre[]", 0},
-        {"comments and whitespace", " /* c */ [ {\"name\" : \"a\"} ] // t\n\t", 0, "pre[],a[]", 0},
         {"empty operation", "[{}]", 0, "pre[],[]", 0},
         {"null members", R"([{"name":"a","subsyss":null},{"name":null}])", 0, "pre[],a[],[]", 0},
         {"flags absent, null, false, true",
@@ -99,10 +97,8 @@ TEST(PolicyDocument, DecodesAndFailsAsAWhole) {
         {"subsyss an object", R"([{"name":"a"},{"name":"b","subsyss":{}}])", -1, "pre[],a[]", 0},
         {"funcs a string", R"([{"subsyss":[{"funcs":"x"}]}])", -1, "pre[]", 0},
         {"operation name an array", R"([{"name":"a"},{"name":["x"]}])", -1, "pre[],a[]", 1},
-        {"subsystem name an object", R"([{"subsyss":[{"name":{"k":1}}]}])", -1, "pre[]", 1},
         {"function name an array", R"([{"subsyss":[{"funcs":[{"name":[1]}]}]}])", -1, "pre[]", 1},
         {"enable a string", R"([{"subsyss":[{"funcs":[{"enable":"true"}]}]}])", -1, "pre[]", 1},
-        {"enable an array", R"([{"subsyss":[{"funcs":[{"enable":[]}]}]}])", -1, "pre[]", 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.what) + ": " + c.text);
@@ -136,16 +132,11 @@ TEST(PolicyDocument, RecordEncodersWriteTheirMembersOnly) {
     const Case cases[] = {
         {encodeInto(Function{"", true}, jsonValue(R"({"name":"old","x":1})")), 0,
          R"({"enable":true,"name":"old","x":1})"},
-        {encodeInto(Function{"n", false}, jsonValue(R"({"name":"old"})")), 0,
-         R"({"enable":false,"name":"n"})"},
         {encodeInto(Subsystem{"", {}}, jsonValue(R"({"funcs":[1,2],"x":1})")), 0,
          R"({"funcs":[],"name":"","x":1})"},
-        {encodeInto(Operate{"o", {{"s", {{"f", true}}}}}, Json::Value(Json::objectValue)), 0,
-         R"({"name":"o","subsyss":[{"funcs":[{"enable":true,"name":"f"}],"name":"s"}]})"},
         {encodeInto(Function{"n", true}, Json::Value()), -1, "null"},
         {encodeInto(Subsystem{"n", {{"f", true}}}, Json::Value(Json::arrayValue)), -1, "[]"},
         {encodeInto(Operate{"n", {}}, Json::Value("s")), -1, "\"s\""},
-        {encodeInto(Operate{"n", {}}, Json::Value(1)), -1, "1"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.after);

@@ -1,10 +1,7 @@
 // Counts exceptions by interposing the C++ runtime's __cxa_throw: the
-// executable's definition comes first in symbol lookup, so the throws inside
-// libjsoncpp land here too, and are passed on to the next definition (the
-// runtime's, or a sanitizer's interceptor). <cxxabi.h> is deliberately not
-// included, nor CodecTesting.h, whose jsoncpp headers bring it in: it declares
-// the same function with its own exception specifier list.
-
+// executable's definition comes first in symbol lookup, so jsoncpp's throws
+// land here too before they go on to the runtime's (or a sanitizer's). Neither
+// <cxxabi.h> nor jsoncpp's headers are included: they declare it differently.
 #include <dlfcn.h>
 
 #include <atomic>

@@ -1,5 +1,6 @@
 #include "LogCapture.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 
@@ -38,11 +39,8 @@ std::vector<LogLine> LogCapture::lines() const {
 }
 
 size_t LogCapture::count(int priority, const std::string& text) const {
-    size_t n = 0;
-    for (const LogLine& line : lines()) {
-        n += line == LogLine{priority, text} ? 1 : 0;
-    }
-    return n;
+    const std::vector<LogLine> all = lines();
+    return std::count(all.begin(), all.end(), LogLine{priority, text});
 }
 
 bool LogCapture::waitFor(int priority, const std::string& text, size_t n) const {

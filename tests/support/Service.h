@@ -17,10 +17,9 @@
 // sets, and a runner that plays init for it.
 namespace talvoem::test {
 
-// Makes an object that lives as long as the process, as a real service does:
-// detached connection threads may still be finishing a channel's take-down
-// when a test ends, and the library offers no way to wait for them. Kept
-// reachable so the leak checker does not count it.
+// An object that lives as long as the process, as a real service does:
+// detached connection threads may still be taking a channel down when a test
+// ends. Kept reachable, so the leak checker does not count it.
 template <typename T, typename... Args>
 T& immortal(Args&&... args) {
     static auto* kept = new std::vector<std::shared_ptr<void>>;

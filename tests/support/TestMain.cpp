@@ -1,25 +1,12 @@
-// Test entry point. Before any thread starts, the process moves into a
-// private mount namespace with a fresh tmpfs on /dev/socket, so socket tests
-// use the real service path without touching the machine's own. It ignores
-// SIGPIPE (as a service using the library must), captures the library's log
-// and prints it for a test that fails. ctest's time-out ends a test that hangs.
+// Test entry point. Before any thread starts, the process enters a private mount
+// namespace with a fresh tmpfs on /dev/socket, so tests use the real service path
+// and never the machine's own. It ignores SIGPIPE (as a service must), captures
+// the library's log and prints it when a test fails.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "LogCapture.h"
 #include "Wire.h"
-
-namespace {
-
-class DumpLogOfFailedTests : public testing::EmptyTestEventListener {
-    void OnTestEnd(const testing::TestInfo& info) override {
-        if (info.result()->Failed()) {
-            talvoem::test::LogCapture::dump();
-        }
-    }
-};
-
-}  // namespace
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
@@ -28,6 +15,9 @@ int main(int argc, char** argv) {
     }
     signal(SIGPIPE, SIG_IGN);
     talvoem::test::LogCapture::install();
-    testing::UnitTest::GetInstance()->listeners().Append(new DumpLogOfFailedTests);
-    return RUN_ALL_TESTS();
+    const int status = RUN_ALL_TESTS();
+    if (status != 0) {
+        talvoem::test::LogCapture::dump();  // ctest runs one test a process
+    }
+    return status;
 }

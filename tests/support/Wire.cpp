@@ -17,11 +17,6 @@
 
 namespace talvoem::test {
 
-const std::string kRegister = "{\"api\":\"setPolicyCallback\",\"type\":1}\n";
-const std::string kDispose = "{\"api\":\"setPolicyCallback\",\"type\":2}\n";
-const std::string kSuccess = "{\"code\":0,\"msg\":\"success\"}\n";
-const std::string kExit = "{\"cmd\":2}\n";
-
 std::string notifyText(uint16_t type, const std::string& data) {
     return "{\"cmd\":1,\"data\":\"" + data + "\",\"type\":" + std::to_string(type) + "}\n";
 }

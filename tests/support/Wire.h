@@ -16,10 +16,10 @@ constexpr const char* kServicePath = "/dev/socket/talvoem";
 constexpr size_t kReceiveLimit = 524288;
 
 // The texts the library writes, as they travel (each ends in a line feed).
-extern const std::string kRegister;  // {"api":"setPolicyCallback","type":1}
-extern const std::string kDispose;   // {"api":"setPolicyCallback","type":2}
-extern const std::string kSuccess;   // {"code":0,"msg":"success"}
-extern const std::string kExit;      // {"cmd":2}
+inline const std::string kRegister = "{\"api\":\"setPolicyCallback\",\"type\":1}\n";
+inline const std::string kDispose = "{\"api\":\"setPolicyCallback\",\"type\":2}\n";
+inline const std::string kSuccess = "{\"code\":0,\"msg\":\"success\"}\n";
+inline const std::string kExit = "{\"cmd\":2}\n";
 constexpr uint16_t kConnectionLost = 100;
 // {"cmd":1,"data":D,"type":T}; `data` must need no escaping.
 std::string notifyText(uint16_t type, const std::string& data);
