@@ -56,7 +56,9 @@ public:
 
 private:
     // Starts a delivery; a thread that cannot be created costs that one
-    // delivery, not the receive loop.
+    // delivery, not the receive loop. The loop hands notifications over with
+    // the lock held and the lost-connection report after releasing it, so this
+    // carries no lock annotation either way.
     void deliver(uint16_t type);
 
     int fd_ TALVOEM_GUARDED_BY(mutex_);
