@@ -106,10 +106,16 @@ void SocketOemPolicyCBClient::dispose() {
     talvoem::ScopedLock lock(mutex_);
     if (fd_ >= 0 && sendRequest(fd_, kTypeDispose) != 0) {
         TALVOEM_LOGE("Client force close fd");
-        // The receive thread may be blocked in recvMsg on this descriptor; a
-        // bare close would leave it waiting, a shutdown wakes it.
+        // A running receive loop may be blocked in recvMsg on this descriptor
+        // or about to enter it: a close under it would leave it waiting, or
+        // reading whatever the number is reused for. The shutdown wakes it,
+        // and the loop closes the descriptor itself before it ends, so by the
+        // time the join returns the descriptor is closed. With no loop (its
+        // thread could not start) the descriptor is closed here.
         shutdown(fd_, SHUT_RDWR);
-        resetSocketFd();
+        if (!recvThread_ || !recvThread_->joinable()) {
+            resetSocketFd();
+        }
     }
     // After a sent dispose the service answers with the exit message, on
     // which the receive loop closes the descriptor and ends.
