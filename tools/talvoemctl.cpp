@@ -190,9 +190,11 @@ public:
     void onPolicyChanged(uint16_t type, std::string*) override {
         timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
-        char stamp[32];
-        strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime(&now.tv_sec));
+        // Deliveries run on threads of their own: format under the lock.
         std::lock_guard<std::mutex> lock(mutex);
+        tm local;
+        char stamp[32];
+        strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&now.tv_sec, &local));
         if (type == kTypeServiceLost) {
             printf("[%s.%03ld] service lost\n", stamp, now.tv_nsec / 1000000);
             lost = true;
