@@ -348,8 +348,8 @@ TEST_F(Sender, PacketsThatAreNotADisposeKeepTheChannelOpen) {
     SocketOemPolicyCBServer sender(fds[0]);
     auto result = observe(sender);
     ASSERT_EQ(recvRaw(fds[1]).bytes, kSuccess);
-    for (const char* packet : {"not json", "[2]", "{\"api\":\"setPolicyCallback\"}", "{\"type\":7}",
-                               "{\"type\":\"2\"}"}) {
+    for (const char* packet :
+         {"x", "[2]", "{\"api\":\"setPolicyCallback\"}", "{\"type\":7}", "{\"type\":\"2\"}"}) {
         ASSERT_TRUE(sendRaw(fds[1], packet));
     }
     ASSERT_TRUE(log.waitFor(ANDROID_LOG_WARN, "Server policy callback recv unknow request", 3));
