@@ -216,7 +216,7 @@ std::string repeat(const std::string& piece, int n) {
 TEST(NestingLimit, EveryReaderAgreesWithJsoncppAroundTheLimit) {
     const std::string inners[] = {"",  "1", " \t\r\n", "/**/",      "// c\n",
                                   ",", ":", "/",       "[]",        "{}",
-                                  "]", "}", "x",       "\"s\"],[1", "1/*[*/"};
+                                  "]", "}", "x",       "\"s\"],[1", "1/*/[*/"};
     const std::pair<std::string, std::string> shapes[] = {{"[", "]"}, {"{\"k\":", "}"}};
     // What stands before the deep value: closed containers, a string holding
     // an escaped quote and brackets, an empty line comment and a block comment
