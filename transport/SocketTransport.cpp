@@ -6,24 +6,22 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <climits>
 #include <memory>
 #include <new>
 #include <thread>
 
+#include "TalvoemProtocol.h"
 #include "talvoem/Log.h"
+#include "transport/SendBuffer.h"
 
 namespace {
 
 constexpr const char* kServicePath = "/dev/socket/talvoem";
-constexpr size_t kRecvBufferSize = 512 * 1024;
+constexpr size_t kRecvBufferSize = talvoem::protocol::kReceiveLimit;
 constexpr int kConnectAttempts = 6;
 constexpr int kFirstRetryIntervalMs = 20;
-// A SOCK_SEQPACKET packet must fit the sender's buffer whole, less this much
-// of the kernel's own bookkeeping, or the send fails with EMSGSIZE.
-constexpr size_t kSendBufferOverhead = 32;
 // No buffer is smaller than the kernel's minimum (SOCK_MIN_SNDBUF, about
 // 4.5 KiB), so messages up to this size never need a look at it.
 constexpr size_t kAlwaysFits = 4096;
@@ -35,16 +33,15 @@ void wipe(char* buffer, size_t n) {
     asm volatile("" : : "r"(buffer) : "memory");
 }
 
-// Raises the send buffer of `fd` so that a message of `length` bytes fits.
-// The kernel doubles what it is asked for and caps the request at
-// net.core.wmem_max; where the cap leaves it too small, the send fails as it
-// would have without this.
-void fitSendBuffer(int fd, size_t length) {
-    const int needed = static_cast<int>(std::min<size_t>(length + kSendBufferOverhead, INT_MAX));
-    int size = 0;
-    socklen_t sizeLength = sizeof(size);
-    if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &sizeLength) == 0 && size < needed) {
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &needed, sizeof(needed));
+// Says once per process why a large send failed: the limit is the kernel's
+// (net.core.wmem_max) or the receive limit, not a fault of the caller.
+void reportSendLimit(size_t length, size_t limit) {
+    static std::atomic<bool> reported{false};
+    if (!reported.exchange(true)) {
+        TALVOEM_LOGE(
+            "A %zu-byte packet exceeds the %zu bytes this socket can send "
+            "(its buffer fits the receive limit where net.core.wmem_max allows)",
+            length, limit);
     }
 }
 
@@ -102,12 +99,13 @@ int sendMsg(int fd, std::string& msg) {
     // the kernel without a copy.
     const char* text = msg.c_str();
     const size_t length = strlen(text);
-    if (length > kAlwaysFits) {
-        fitSendBuffer(fd, length);
-    }
+    const size_t limit = length > kAlwaysFits ? talvoem::transport::raiseSendBuffer(fd) : length;
     if (sendto(fd, text, length, 0, nullptr, 0) == -1) {
         int err = errno;
         TALVOEM_LOGE("Failed to send packet");
+        if (length > limit && (err == EMSGSIZE || err == ENOBUFS)) {
+            reportSendLimit(length, limit);
+        }
         if (err == EPIPE) {
             TALVOEM_LOGW("Remote may has crashed");
             return -4;

@@ -144,7 +144,11 @@ TEST(Packet, SendFailuresReturnTheirCodeAndLines) {
              [](Pair& p) { return p.local; },
              tooLong,
              -3,
-             {kSendFailed}},
+             {kSendFailed,
+              {ANDROID_LOG_ERROR, "A " + std::to_string(tooLong.size()) +
+                                      "-byte packet exceeds the 1048608 bytes this socket can "
+                                      "send (its buffer fits the receive limit where "
+                                      "net.core.wmem_max allows)"}}},
         };
     for (const auto& [what, prepare, text, result, lines] : cases) {
         SCOPED_TRACE(what);

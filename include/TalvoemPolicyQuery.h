@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "OemJsonUtils.h"
+
+// A real one-shot query of the service, beside SocketOemQueryClient (whose
+// queryPolicy answers a fixed text without contacting anyone).
+namespace talvoem {
+
+// How a query ended. Only kAnswered carries the service's envelope; its code
+// may still be non-zero (the service refused or found nothing).
+enum class QueryResult {
+    kAnswered,             // the answer decoded as an envelope
+    kNoService,            // nothing accepted the connection before the deadline
+    kClosedWithoutAnswer,  // the service closed the connection without answering
+    kTimedOut,             // connected, but no answer came before the deadline
+    kAnswerCut,            // the answer was longer than the receive limit and arrived cut
+    kNotEnvelope,          // the answer was not a response envelope
+};
+
+constexpr std::chrono::milliseconds kDefaultQueryTimeout{5000};
+
+struct QueryAnswer {
+    QueryResult result = QueryResult::kNoService;
+    // The decoded answer; meaningful for kAnswered only.
+    OemJsonUtils::Resp envelope;
+    // The bytes received, as they came (cut to the receive limit for
+    // kAnswerCut); empty when nothing came.
+    std::string text;
+};
+
+// Connects to /dev/socket/talvoem, sends a query request of `type` and `data`
+// written by the codec, and waits for the one answer. Never blocks longer than
+// `timeout` in all (connecting included). Safe to call from any number of
+// threads at once; it keeps no state between calls.
+QueryAnswer queryService(uint16_t type, const std::string& data,
+                         std::chrono::milliseconds timeout = kDefaultQueryTimeout);
+
+// A short English sentence for `result`, for logs and command-line tools.
+const char* describe(QueryResult result);
+
+}  // namespace talvoem
