@@ -1,5 +1,6 @@
 #include "OemJsonUtils.h"
 #include "SocketOemQueryServer.h"
+#include "server/ConnectionScope.h"
 #include "server/Envelope.h"
 #include "talvoem/Log.h"
 
@@ -13,6 +14,7 @@ constexpr const char* kQueryFailedText = "{\"code\":-1,\"msg\":\"failed\"}";
 }  // namespace
 
 int8_t SocketOemQueryServer::onTransact(int fd, std::string& request, std::string& response) {
+    talvoem::server::ConnectionScope serving(fd);
     std::string api;
     if (OemJsonUtils::getRequestApi(request, api) < 0) {
         TALVOEM_LOGE("Server failed to get api.");
