@@ -47,9 +47,15 @@ func fail(lines ...string) {
 	os.Exit(1)
 }
 
-// missingPaths lists the path properties' strings that name nothing under
-// root. A file that does not parse is left to Soong to report.
-func missingPaths(text []byte, root string) (missing []string) {
+// The platform's headers that the sources include: one of the project's
+// include folders holding its own copy would hide the platform's (the host
+// stand-ins live where only the CMake build looks).
+var platformHeaders = []string{"android/log.h", "cutils/sockets.h", "json/json.h"}
+
+// badPaths lists the path properties' strings that name nothing under root,
+// and include folders that would hide the platform's headers. A file that
+// does not parse is left to Soong to report.
+func badPaths(text []byte, root string) (bad []string) {
 	file, errs := parser.ParseAndEval(projectBp, strings.NewReader(string(text)), parser.NewScope(nil))
 	if len(errs) > 0 {
 		return nil
@@ -69,13 +75,19 @@ func missingPaths(text []byte, root string) (missing []string) {
 				if !ok || !pathProperties[prop.Name] {
 					continue
 				}
+				at := fmt.Sprintf("%s: %s: %q", value.Pos(), prop.Name, s.Value)
 				if _, err := os.Stat(filepath.Join(root, s.Value)); err != nil {
-					missing = append(missing, fmt.Sprintf("%s: %s: %q names nothing", value.Pos(), prop.Name, s.Value))
+					bad = append(bad, at+" names nothing")
+				}
+				for _, header := range platformHeaders {
+					if _, err := os.Stat(filepath.Join(root, s.Value, header)); err == nil && strings.HasSuffix(prop.Name, "include_dirs") {
+						bad = append(bad, at+" holds "+header+", which would hide the platform's")
+					}
 				}
 			}
 		}
 	}
-	return missing
+	return bad
 }
 
 // installs loads the file with Soong and returns what each module installs.
@@ -128,8 +140,8 @@ func main() {
 	if *root == "" {
 		*root = filepath.Dir(flag.Arg(0))
 	}
-	if missing := missingPaths(text, *root); len(missing) > 0 {
-		fail(missing...)
+	if bad := badPaths(text, *root); len(bad) > 0 {
+		fail(bad...)
 	}
 	report := installs(text)
 	onPartition := "/" + *partition + "/"
