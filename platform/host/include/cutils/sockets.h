@@ -1,7 +1,10 @@
 #pragma once
 
-// Host stand-in for the one libcutils call the library uses. Android builds
-// take the platform's own <cutils/sockets.h> instead.
+// Host stand-in for the one libcutils call the library uses. Only host builds
+// see this folder (platform/CMakeLists.txt); Android builds take the
+// platform's own <cutils/sockets.h> from libcutils.
+
+#include <sys/socket.h>
 
 #define ANDROID_SOCKET_ENV_PREFIX "ANDROID_SOCKET_"
 #define ANDROID_SOCKET_DIR "/dev/socket"
