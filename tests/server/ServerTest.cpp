@@ -11,9 +11,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <map>
+#include <optional>
 
 #include "LogCapture.h"
 #include "Service.h"
@@ -108,29 +110,19 @@ TEST(Listener, FailedAcceptEndsInitButAcceptedConnectionsAreServed) {
 }
 
 // Takes every descriptor the process could still open, under a limit lowered
-// for the purpose, until release() gives them back and restores the limit.
+// for the purpose, and gives them back with the limit when it goes.
 class DescriptorFill {
 public:
     DescriptorFill() {
         getrlimit(RLIMIT_NOFILE, &saved_);
-        rlimit low = saved_;
-        low.rlim_cur = std::min<rlim_t>(saved_.rlim_cur, 256);
+        rlimit low = {std::min<rlim_t>(saved_.rlim_cur, 256), saved_.rlim_max};
         setrlimit(RLIMIT_NOFILE, &low);
         for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) {
             held_.push_back(fd);
         }
     }
-    ~DescriptorFill() { release(); }
-    // Frees one, for the caller's next descriptor.
-    void spare() {
-        close(held_.back());
-        held_.pop_back();
-    }
-    void release() {
-        for (int fd : held_) {
-            close(fd);
-        }
-        held_.clear();
+    ~DescriptorFill() {
+        std::for_each(held_.begin(), held_.end(), close);
         setrlimit(RLIMIT_NOFILE, &saved_);
     }
 
@@ -170,61 +162,6 @@ TEST(Listener, ConnectionsThatGetNoThreadAreClosedAndTheListenerGoesOn) {
     EXPECT_TRUE(baseline.back()) << openFdCount() << " fds";
 }
 
-// Out of descriptors, the listener waits out the failing accepts (one
-// episode logged, at least 5 ms between tries) while a channel opened before
-// keeps delivering. Once descriptors come back the clients that connected
-// meanwhile are served and a new channel can be opened.
-TEST(Listener, OutOfDescriptorsTheListenerBacksOffAndRecovers) {
-    const std::string noDescriptors =
-        "Server cannot accept connections, error - Too many open files; retrying with back-off";
-    EventLog& events = immortal<EventLog>();
-    TestService& service = immortal<TestService>(&immortal<ForwardingFactory>(&events), &events);
-    ServiceRunner runner(service);
-    int channel = registerRaw();
-    ASSERT_TRUE(service.waitForCallback(true));
-    // Made before the fill: connecting takes no further descriptor.
-    const int clients[] = {socket(AF_UNIX, SOCK_SEQPACKET, 0), socket(AF_UNIX, SOCK_SEQPACKET, 0)};
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, kServicePath);
-    auto connectClient = [&addr](int fd) {
-        return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    };
-    LogCapture log;
-    const auto start = std::chrono::steady_clock::now();
-    DescriptorFill fill;
-    // A blocked accept holds the descriptor of the connection it waits for:
-    // the first client takes that one, and the next accept finds none.
-    ASSERT_TRUE(connectClient(clients[0]));
-    ASSERT_TRUE(log.waitFor(ANDROID_LOG_ERROR, noDescriptors));
-    ASSERT_TRUE(connectClient(clients[1]));
-    for (int i = 0; i < 5; ++i) {
-        service.report(7, std::to_string(i));
-        EXPECT_EQ(recvRaw(channel).bytes, notifyText(7, std::to_string(i)));
-        // The episode lasts a while: the listener tries again meanwhile.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    fill.release();
-    for (int fd : clients) {
-        ASSERT_TRUE(sendRaw(fd, kQuery));
-        EXPECT_EQ(recvRaw(fd).bytes, service.answer);
-        close(fd);
-    }
-    const auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, noDescriptors), 1u);
-    EXPECT_FALSE(log.contains(ANDROID_LOG_ERROR, "Server failed to accept packet over socket"));
-    const int failed = loggedCount(log, "Server accepts connections again after ");
-    EXPECT_GE(failed, 2);
-    EXPECT_LE(failed, elapsedMs.count() / 5 + 1) << "accept retried without a pause";
-    ASSERT_TRUE(sendRaw(channel, kDispose));
-    EXPECT_EQ(recvRaw(channel).bytes, kExit);
-    closeRaw(channel);
-    int fd = registerRaw();
-    EXPECT_GE(fd, 0);
-    closeRaw(fd);
-}
-
 // A connection that closes, or sends an empty packet, is closed unanswered.
 TEST(Listener, ConnectionsThatBringNothingAreClosedWithoutAnswer) {
     TestService& service = immortal<TestService>(nullptr);
@@ -242,13 +179,31 @@ TEST(Listener, ConnectionsThatBringNothingAreClosedWithoutAnswer) {
 }
 
 // The service's answer goes back byte for byte, up to the 512 KiB a client
-// can receive, whatever the default send buffer; type and data reach it.
+// can receive, whatever the default send buffer; type and data reach it, and
+// the connection's send limit is known inside the call and nowhere else.
 TEST(Dispatch, QueryReachesTheServiceAndItsAnswerComesBackWhole) {
-    TestService& service = immortal<TestService>(nullptr);
+    struct LimitService : TestService {
+        using TestService::TestService;
+        int8_t queryPolicy(uint16_t type, const std::string& data, std::string* result) override {
+            sendLimit = talvoem::currentSendLimit();
+            return TestService::queryPolicy(type, data, result);
+        }
+        std::atomic<size_t> sendLimit{0};
+    };
+    LimitService& service = immortal<LimitService>(nullptr);
     ServiceRunner runner(service);
     EXPECT_EQ(roundTrip(kQuery), service.answer);
     EXPECT_EQ(service.lastType, 3);
     EXPECT_EQ(service.lastData, "abc");
+    EXPECT_GT(service.sendLimit, 0u);
+    EXPECT_LE(service.sendLimit, kReceiveLimit);
+    int fds[2];
+    ASSERT_TRUE(seqpacketPair(fds));
+    std::string text = kQuery, response;
+    service.onTransact(fds[0], text, response);
+    EXPECT_EQ(talvoem::currentSendLimit(), 0u) << "still known after the call";
+    close(fds[0]);
+    close(fds[1]);
     EXPECT_EQ(roundTrip("{\"api\":\"queryPolicy\",\"type\":65537}"), service.answer);
     EXPECT_EQ(service.lastType, 1);
     EXPECT_EQ(service.lastData, "");
@@ -256,34 +211,6 @@ TEST(Dispatch, QueryReachesTheServiceAndItsAnswerComesBackWhole) {
         service.answer = std::string(size, 'a');
         EXPECT_TRUE(roundTrip(kQuery) == service.answer) << size;
     }
-}
-
-// The send limit is known inside the service's call, on the connection it
-// serves, and nowhere else.
-TEST(Dispatch, SendLimitIsKnownOnlyInsideTheServiceCall) {
-    struct LimitService : TestService {
-        using TestService::TestService;
-        int8_t queryPolicy(uint16_t type, const std::string& data, std::string* result) override {
-            seen = talvoem::currentSendLimit();
-            return TestService::queryPolicy(type, data, result);
-        }
-        std::atomic<size_t> seen{0};
-    };
-    LimitService& service = immortal<LimitService>(nullptr);
-    ServiceRunner runner(service);
-    EXPECT_EQ(roundTrip(kQuery), service.answer);
-    EXPECT_GT(service.seen, 0u);
-    EXPECT_LE(service.seen, kReceiveLimit);
-    EXPECT_EQ(talvoem::currentSendLimit(), 0u) << "known on a thread that serves nothing";
-    int fds[2];
-    ASSERT_TRUE(seqpacketPair(fds));
-    service.seen = 0;
-    std::string text = kQuery, response;
-    service.onTransact(fds[0], text, response);
-    EXPECT_GT(service.seen, 0u);
-    EXPECT_EQ(talvoem::currentSendLimit(), 0u) << "still known after the call";
-    close(fds[0]);
-    close(fds[1]);
 }
 
 // Without a callback factory every registration, whatever its type, gets code 6.
@@ -475,6 +402,59 @@ TEST_F(ChannelFixture, AChannelWithoutASendThreadIsRefusedAndLeavesNothing) {
     int again = registerRaw();
     EXPECT_GE(again, 0);
     closeRaw(again);
+}
+
+// Out of descriptors, the listener waits out the failing accepts (one
+// episode logged, at least 5 ms between tries) while a channel opened before
+// keeps delivering. Once descriptors come back the clients that connected
+// meanwhile are served and a new channel can be opened.
+TEST_F(ChannelFixture, OutOfDescriptorsTheListenerBacksOffAndRecovers) {
+    const std::string noDescriptors =
+        "Server cannot accept connections, error - Too many open files; retrying with back-off";
+    ServiceRunner runner(service);
+    int channel = registerRaw();
+    ASSERT_TRUE(service.waitForCallback(true));
+    // Made before the fill: connecting takes no further descriptor.
+    const int clients[] = {socket(AF_UNIX, SOCK_SEQPACKET, 0), socket(AF_UNIX, SOCK_SEQPACKET, 0)};
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, kServicePath);
+    auto connectClient = [&addr](int fd) {
+        return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    };
+    LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<DescriptorFill> fill(std::in_place);
+    // A blocked accept holds the descriptor of the connection it waits for:
+    // the first client takes that one, and the next accept finds none.
+    ASSERT_TRUE(connectClient(clients[0]));
+    ASSERT_TRUE(log.waitFor(ANDROID_LOG_ERROR, noDescriptors));
+    ASSERT_TRUE(connectClient(clients[1]));
+    for (int i = 0; i < 5; ++i) {
+        service.report(7, std::to_string(i));
+        EXPECT_EQ(recvRaw(channel).bytes, notifyText(7, std::to_string(i)));
+        // The episode lasts a while: the listener tries again meanwhile.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    fill.reset();
+    for (int fd : clients) {
+        ASSERT_TRUE(sendRaw(fd, kQuery));
+        EXPECT_EQ(recvRaw(fd).bytes, service.answer);
+        close(fd);
+    }
+    const auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, noDescriptors), 1u);
+    EXPECT_FALSE(log.contains(ANDROID_LOG_ERROR, "Server failed to accept packet over socket"));
+    const int failed = loggedCount(log, "Server accepts connections again after ");
+    EXPECT_GE(failed, 2);
+    EXPECT_LE(failed, elapsedMs.count() / 5 + 1) << "accept retried without a pause";
+    ASSERT_TRUE(sendRaw(channel, kDispose));
+    EXPECT_EQ(recvRaw(channel).bytes, kExit);
+    closeRaw(channel);
+    int fd = registerRaw();
+    EXPECT_GE(fd, 0);
+    closeRaw(fd);
 }
 
 // A client gone with notifications queued, or one that never reads while its
