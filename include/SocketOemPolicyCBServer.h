@@ -14,8 +14,8 @@
 // The service end of one policy-callback channel: the service reports changes
 // to onPolicyChanged, and a send thread writes them to the client in order.
 //
-// Threads: the connection thread runs observe(), which sends the registration
-// reply, starts the send thread (loopSend) and runs the receive loop
+// Threads: the connection thread runs observe(), which starts the send thread
+// (loopSend), sends the registration reply and runs the receive loop
 // (loopRecv) until the client disposes of the channel or the connection
 // breaks; any service thread may call onPolicyChanged meanwhile.
 //
@@ -39,8 +39,9 @@ public:
     void addData(std::string& msg) TALVOEM_EXCLUDES(mutex_);
 
     // 0 after the channel ran and ended; 1 for an invalid descriptor; 2 when
-    // the registration reply could not be sent. Throws std::system_error if the
-    // send thread cannot be created.
+    // the channel could not start: its send thread could not be created, or
+    // the registration reply could not be sent. On 1 and 2 the channel is
+    // left stopped, with no send thread running. Throws nothing.
     int observe() TALVOEM_EXCLUDES(mutex_);
     void loopRecv() TALVOEM_EXCLUDES(mutex_);
     static void sendHandlerThread(SocketOemPolicyCBServer* self);
@@ -53,6 +54,11 @@ public:
     void resetSocketFd() TALVOEM_EXCLUDES(mutex_);
 
 private:
+    // Marks the channel running and starts its send thread, which waits for
+    // mutex_ before anything else; false, running cleared, when it cannot be
+    // created.
+    bool startSendThreadLocked() TALVOEM_REQUIRES(mutex_);
+
     int fd_ TALVOEM_GUARDED_BY(mutex_);
     std::deque<std::string> pending_ TALVOEM_GUARDED_BY(mutex_);
     talvoem::Mutex mutex_;

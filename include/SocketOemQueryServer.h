@@ -18,7 +18,10 @@ class SocketOemPolicyCBServer;
 // Threads: init() is the listener; each accepted connection runs
 // svcHandlerThread on its own detached thread, which owns and closes the
 // connection's descriptor. queryPolicy is entered from many connection threads
-// at once with no lock held: the service makes it thread-safe.
+// at once with no lock held: the service makes it thread-safe. Running out of
+// descriptors or threads costs clients, never the listener: it waits out an
+// accept that lacks a resource and closes a connection it cannot give a
+// thread, logging each such episode when it starts and when it ends.
 //
 // Lock: channelLock_ (a timed mutex, tried for 500 ms) is held by
 // observePolicyCallback for the whole life of a callback channel, so a server
@@ -33,9 +36,12 @@ public:
     ~SocketOemQueryServer() override;
 
     // Takes the control socket "talvoem", listens (backlog 20) and accepts
-    // forever, one detached thread per connection. Returns -1 only, when the
-    // socket is missing or listen or accept fails (the socket is closed then).
-    // Throws std::system_error if a connection thread cannot be created.
+    // forever, one detached thread per connection. An accept that fails for
+    // want of descriptors or memory (EMFILE, ENFILE, ENOBUFS, ENOMEM) is
+    // retried after a pause of 5 ms growing to 100 ms; a connection that no
+    // thread can be made for is closed unanswered. Returns -1 only, when the
+    // socket is missing, listen fails or accept fails for any other reason
+    // (the socket is closed then). Throws nothing.
     int8_t init();
 
     // Body of a connection thread: one request, one optional response, close.
@@ -51,8 +57,9 @@ public:
     int handlePolicyCallback(int fd, uint16_t type, std::string& response);
 
     // Sets up a channel on `fd` (borrowed) and blocks for its whole life.
-    // 0 when it ran and ended, 1 or 2 when it could not start, -1 when the
-    // channel lock or the callback could not be had.
+    // 0 when it ran and ended, 1 or 2 when it could not start (observe()'s
+    // result), -1 when the channel lock or the callback could not be had, or
+    // the factory handed back the channel itself as the callback.
     int observePolicyCallback(int fd, IOemPolicyCBFactory* factory) TALVOEM_EXCLUDES(channelLock_);
 
 private:

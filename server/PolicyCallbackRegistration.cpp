@@ -5,11 +5,13 @@
 #include "OemJsonUtils.h"
 #include "SocketOemPolicyCBServer.h"
 #include "SocketOemQueryServer.h"
+#include "TalvoemProtocol.h"
 #include "server/Envelope.h"
 #include "talvoem/Log.h"
 #include "talvoem/ScopedLock.h"
 
 using talvoem::server::writeEnvelope;
+namespace protocol = talvoem::protocol;
 
 namespace {
 
@@ -42,10 +44,10 @@ void SocketOemQueryServer::ChannelLock::unlock() {
 int SocketOemQueryServer::handlePolicyCallback(int fd, uint16_t type, std::string& response) {
     if (factory_ == nullptr) {
         TALVOEM_LOGW("Server has no callback factory");
-        writeEnvelope(response, 6, "No callback factory");
+        writeEnvelope(response, protocol::kCodeNoCallbackFactory, "No callback factory");
         return 0;
     }
-    if (type == 1) {
+    if (type == protocol::kTypeRegister) {
         int result = observePolicyCallback(fd, factory_);
         if (result == 0) {
             // The channel has run and ended: nothing more goes on the wire.
@@ -55,13 +57,13 @@ int SocketOemQueryServer::handlePolicyCallback(int fd, uint16_t type, std::strin
         }
         return 0;
     }
-    if (type == 2) {
+    if (type == protocol::kTypeDispose) {
         TALVOEM_LOGW("%s", kDisposeOnNewConnection);
-        writeEnvelope(response, 11, kDisposeOnNewConnection);
+        writeEnvelope(response, protocol::kCodeEmptyApi, kDisposeOnNewConnection);
         return 0;
     }
     TALVOEM_LOGD("Server not define such policy callback type.");
-    writeEnvelope(response, -1, "No such type");
+    writeEnvelope(response, protocol::kCodeFailed, "No such type");
     return 0;
 }
 
@@ -70,14 +72,14 @@ int SocketOemQueryServer::observePolicyCallback(int fd, IOemPolicyCBFactory* fac
     // neither shorten nor stretch the wait.
     if (!channelLock_.try_lock_until(std::chrono::steady_clock::now() + kChannelLockTimeout)) {
         TALVOEM_LOGE("Server already established a policy callback connection");
-        return -1;
+        return protocol::kCodeFailed;
     }
     ChannelHold hold(channelLock_);
     if (channel_ != nullptr) {
         TALVOEM_LOGE("Server already has a policy callback");
-        return -1;
+        return protocol::kCodeFailed;
     }
-    // Take-down order, also when observe() throws: the service loses the
+    // Take-down order, on every way out: the service loses the
     // callback first, then the callback goes, then the channel, and only then
     // is the lock released (by `hold`, declared first, destroyed last).
     std::unique_ptr<SocketOemPolicyCBServer> channel(new SocketOemPolicyCBServer(fd));
@@ -86,14 +88,22 @@ int SocketOemQueryServer::observePolicyCallback(int fd, IOemPolicyCBFactory* fac
         SocketOemPolicyCBServer*& field;
         ~ClearChannel() { field = nullptr; }
     } clearChannel{channel_};
-    std::unique_ptr<IOemPolicyCB> callback(factory->createCallback(channel.get()));
-    if (!callback) {
+    IOemPolicyCB* made = factory->createCallback(channel.get());
+    if (made == nullptr) {
         TALVOEM_LOGE("Server failed to create callback from factory");
-        return -1;
+        return protocol::kCodeFailed;
     }
+    if (made == channel.get()) {
+        // A pass-through factory: deleting the callback would delete the
+        // channel too, so the registration is refused before either is owned
+        // twice or reaches the service.
+        TALVOEM_LOGE("Server refused a callback from factory that is the channel itself");
+        return protocol::kCodeFailed;
+    }
+    std::unique_ptr<IOemPolicyCB> callback(made);
     if (setPolicyCallback(callback.get()) != 0) {
         TALVOEM_LOGE("Server failed to set policy callback");
-        return -1;
+        return protocol::kCodeFailed;
     }
     struct WithdrawCallback {
         SocketOemQueryServer* server;

@@ -3,16 +3,15 @@
 #include <errno.h>
 #include <string.h>
 
+#include <exception>
+
 #include "OemJsonUtils.h"
 #include "SocketTransport.h"
+#include "TalvoemProtocol.h"
 #include "talvoem/Log.h"
 #include "talvoem/ScopedLock.h"
 
-namespace {
-constexpr uint16_t kCmdNotify = 1;
-constexpr uint16_t kCmdExit = 2;
-constexpr uint16_t kTypeDispose = 2;
-}  // namespace
+namespace protocol = talvoem::protocol;
 
 SocketOemPolicyCBServer::SocketOemPolicyCBServer(int fd) : fd_(fd), running_(false) {}
 
@@ -31,7 +30,7 @@ SocketOemPolicyCBServer::~SocketOemPolicyCBServer() {
 void SocketOemPolicyCBServer::onPolicyChanged(uint16_t type, std::string* data) {
     // Serialised on the reporting thread, before any lock is taken.
     OemJsonUtils::SetPolicyCallback::Callback cb;
-    cb.cmd = kCmdNotify;
+    cb.cmd = protocol::kCmdNotify;
     cb.type = type;
     if (data != nullptr) {
         cb.data = *data;
@@ -53,26 +52,49 @@ void SocketOemPolicyCBServer::addData(std::string& msg) {
 }
 
 int SocketOemPolicyCBServer::observe() {
+    std::shared_ptr<std::thread> unstarted;
     {
         talvoem::ScopedLock lock(mutex_);
         if (fd_ < 0) {
             TALVOEM_LOGE("Server can not observe callback with invalid fd.");
-            return 1;
+            return protocol::kCodeChannelNoDescriptor;
+        }
+        // The send thread is made before the reply goes, so that a channel
+        // that cannot have one is refused in band. The reply is still the
+        // channel's first packet: the thread needs this lock to send, and
+        // nothing can be queued before it is released.
+        if (!startSendThreadLocked()) {
+            return protocol::kCodeChannelReplyNotSent;
         }
         OemJsonUtils::Resp reply;
         reply.msg = "success";
         std::string text;
         OemJsonUtils::toJson(reply, text);
-        // The reply goes out before the send thread exists, so it is always
-        // the first packet of the channel.
         if (sendMsg(fd_, text) != 0) {
-            return 2;
+            running_ = false;
+            unstarted = sendThread_;
         }
-        sendThread_ = std::make_shared<std::thread>(sendHandlerThread, this);
-        running_ = true;
+    }
+    if (unstarted) {
+        // Back to Created: the thread finds the channel stopped and ends.
+        wakeUp_.notify_all();
+        unstarted->join();
+        return protocol::kCodeChannelReplyNotSent;
     }
     loopRecv();
     return 0;
+}
+
+bool SocketOemPolicyCBServer::startSendThreadLocked() {
+    running_ = true;
+    try {
+        sendThread_ = std::make_shared<std::thread>(sendHandlerThread, this);
+    } catch (const std::exception& e) {  // std::system_error, or std::bad_alloc
+        running_ = false;
+        TALVOEM_LOGE("Server failed to start policy callback send thread: %s", e.what());
+        return false;
+    }
+    return true;
 }
 
 void SocketOemPolicyCBServer::loopRecv() {
@@ -93,7 +115,7 @@ void SocketOemPolicyCBServer::loopRecv() {
             TALVOEM_LOGW("Server policy callback recv unknow request");
             continue;
         }
-        if (req.type == kTypeDispose) {
+        if (req.type == protocol::kTypeDispose) {
             break;
         }
         TALVOEM_LOGW("Server policy callback recv unexpected type %d", req.type);
@@ -143,7 +165,7 @@ void SocketOemPolicyCBServer::internalDispose() {
         return;
     }
     OemJsonUtils::SetPolicyCallback::Callback exitMsg;
-    exitMsg.cmd = kCmdExit;
+    exitMsg.cmd = protocol::kCmdExit;
     std::string text;
     OemJsonUtils::SetPolicyCallback::toJson(exitMsg, text);
     sendMsg(fd_, text);

@@ -1,20 +1,27 @@
 // The service side through real connections: the control socket's hand-over,
-// a failing listen or accept, every request answered in band while the
-// service goes on, channel registration, and the channel's sender alone over
-// a socketpair.
+// a failing listen or accept, descriptors and threads running out, every
+// request answered in band while the service goes on, channel registration,
+// and the channel's sender alone over a socketpair.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <map>
+#include <optional>
 
 #include "LogCapture.h"
 #include "Service.h"
 #include "SocketOemPolicyCBServer.h"
+#include "TalvoemConnection.h"
+#include "ThreadFault.h"
 #include "Wire.h"
 
 using namespace talvoem::test;
@@ -22,6 +29,21 @@ using namespace talvoem::test;
 namespace {
 
 const std::string kQuery = "{\"api\":\"queryPolicy\",\"data\":\"abc\",\"type\":3}\n";
+
+#define REQUIRE_THREAD_FAULT()                                         \
+    if (!ThreadFault::available()) {                                   \
+        GTEST_SKIP() << "the sanitizer's runtime owns pthread_create"; \
+    }
+
+// The number in the first line logged that starts with `prefix`; -1 if none.
+int loggedCount(const LogCapture& log, const std::string& prefix) {
+    for (const LogLine& line : log.lines()) {
+        if (line.text.compare(0, prefix.size(), prefix) == 0) {
+            return atoi(line.text.c_str() + prefix.size());
+        }
+    }
+    return -1;
+}
 
 std::string noSocketLine(int err) {
     return std::string("Server failed to connect to socket talvoem, error - ") + strerror(err);
@@ -87,6 +109,59 @@ TEST(Listener, FailedAcceptEndsInitButAcceptedConnectionsAreServed) {
     close(early);
 }
 
+// Takes every descriptor the process could still open, under a limit lowered
+// for the purpose, and gives them back with the limit when it goes.
+class DescriptorFill {
+public:
+    DescriptorFill() {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        rlimit low = {std::min<rlim_t>(saved_.rlim_cur, 256), saved_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) {
+            held_.push_back(fd);
+        }
+    }
+    ~DescriptorFill() {
+        std::for_each(held_.begin(), held_.end(), close);
+        setrlimit(RLIMIT_NOFILE, &saved_);
+    }
+
+private:
+    rlimit saved_;
+    std::vector<int> held_;
+};
+
+// Out of threads, each new connection is closed unanswered and one episode
+// is logged for them all; the next connection that gets a thread is served
+// and ends the episode. A later shortage is an episode of its own.
+TEST(Listener, ConnectionsThatGetNoThreadAreClosedAndTheListenerGoesOn) {
+    REQUIRE_THREAD_FAULT();
+    TestService& service = immortal<TestService>(nullptr);
+    ServiceRunner runner(service);
+    Baseline baseline;
+    LogCapture log;
+    for (int refused : {3, 1}) {
+        {
+            ThreadFault fault;
+            for (int i = 0; i < refused; ++i) {
+                int fd = connectRaw();
+                EXPECT_EQ(recvRaw(fd).status, Packet::kClosed);
+                close(fd);
+            }
+            EXPECT_EQ(fault.refused(), refused);
+        }
+        EXPECT_EQ(roundTrip(kQuery), service.answer);
+        EXPECT_TRUE(
+            log.waitFor(ANDROID_LOG_INFO, "Server starts connection threads again after closing " +
+                                              std::to_string(refused) + " connections"));
+    }
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR,
+                        "Server cannot start connection threads, error - Resource temporarily "
+                        "unavailable; closing new connections"),
+              2u);
+    EXPECT_TRUE(baseline.back()) << openFdCount() << " fds";
+}
+
 // A connection that closes, or sends an empty packet, is closed unanswered.
 TEST(Listener, ConnectionsThatBringNothingAreClosedWithoutAnswer) {
     TestService& service = immortal<TestService>(nullptr);
@@ -104,13 +179,31 @@ TEST(Listener, ConnectionsThatBringNothingAreClosedWithoutAnswer) {
 }
 
 // The service's answer goes back byte for byte, up to the 512 KiB a client
-// can receive, whatever the default send buffer; type and data reach it.
+// can receive, whatever the default send buffer; type and data reach it, and
+// the connection's send limit is known inside the call and nowhere else.
 TEST(Dispatch, QueryReachesTheServiceAndItsAnswerComesBackWhole) {
-    TestService& service = immortal<TestService>(nullptr);
+    struct LimitService : TestService {
+        using TestService::TestService;
+        int8_t queryPolicy(uint16_t type, const std::string& data, std::string* result) override {
+            sendLimit = talvoem::currentSendLimit();
+            return TestService::queryPolicy(type, data, result);
+        }
+        std::atomic<size_t> sendLimit{0};
+    };
+    LimitService& service = immortal<LimitService>(nullptr);
     ServiceRunner runner(service);
     EXPECT_EQ(roundTrip(kQuery), service.answer);
     EXPECT_EQ(service.lastType, 3);
     EXPECT_EQ(service.lastData, "abc");
+    EXPECT_GT(service.sendLimit, 0u);
+    EXPECT_LE(service.sendLimit, kReceiveLimit);
+    int fds[2];
+    ASSERT_TRUE(seqpacketPair(fds));
+    std::string text = kQuery, response;
+    service.onTransact(fds[0], text, response);
+    EXPECT_EQ(talvoem::currentSendLimit(), 0u) << "still known after the call";
+    close(fds[0]);
+    close(fds[1]);
     EXPECT_EQ(roundTrip("{\"api\":\"queryPolicy\",\"type\":65537}"), service.answer);
     EXPECT_EQ(service.lastType, 1);
     EXPECT_EQ(service.lastData, "");
@@ -264,13 +357,101 @@ TEST_F(ChannelFixture, RefusedRegistrationsLeaveNoChannelAndTheLockFree) {
     factory.makeNothing = true;
     EXPECT_EQ(roundTrip(kRegister), kRefused);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Server failed to create callback from factory"));
-    EXPECT_TRUE(events.events().empty()) << "the service saw nothing";
     factory.makeNothing = false;
+    factory.passThrough = true;  // deleted as callback and as channel, were it accepted
+    EXPECT_EQ(roundTrip(kRegister), kRefused);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR,
+                             "Server refused a callback from factory that is the channel itself"));
+    EXPECT_TRUE(events.events().empty()) << "the service saw nothing";
+    factory.passThrough = false;
     service.refuseCallback = true;
     EXPECT_EQ(roundTrip(kRegister), kRefused);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Server failed to set policy callback"));
     EXPECT_EQ(events.events(), (std::vector<std::string>{"set callback", "callback deleted"}));
     service.refuseCallback = false;
+    int fd = registerRaw();
+    EXPECT_GE(fd, 0);
+    closeRaw(fd);
+}
+
+// A channel whose send thread cannot be made is refused in band with code 2:
+// the service gets its callback withdrawn, nothing stays behind and the next
+// registration succeeds.
+TEST_F(ChannelFixture, AChannelWithoutASendThreadIsRefusedAndLeavesNothing) {
+    REQUIRE_THREAD_FAULT();
+    LogCapture log;
+    ServiceRunner runner(service);
+    Baseline baseline;
+    int fd = connectRaw();
+    // The listener waits again once it has made this connection's thread.
+    ASSERT_TRUE(log.waitFor(ANDROID_LOG_INFO, "Server waiting for client", 2));
+    {
+        ThreadFault fault(1);
+        ASSERT_TRUE(sendRaw(fd, kRegister));
+        EXPECT_EQ(recvRaw(fd).bytes, envelopeText(2, "Server failed to set policy callback."));
+        EXPECT_EQ(recvRaw(fd).status, Packet::kClosed);
+        EXPECT_EQ(fault.refused(), 1);
+    }
+    close(fd);
+    EXPECT_TRUE(log.contains(
+        ANDROID_LOG_ERROR,
+        "Server failed to start policy callback send thread: Resource temporarily unavailable"));
+    EXPECT_EQ(events.events(),
+              (std::vector<std::string>{"set callback", "set null", "callback deleted"}));
+    EXPECT_TRUE(baseline.back()) << threadCount() << " threads, " << openFdCount() << " fds";
+    int again = registerRaw();
+    EXPECT_GE(again, 0);
+    closeRaw(again);
+}
+
+// Out of descriptors, the listener waits out the failing accepts (one
+// episode logged, at least 5 ms between tries) while a channel opened before
+// keeps delivering. Once descriptors come back the clients that connected
+// meanwhile are served and a new channel can be opened.
+TEST_F(ChannelFixture, OutOfDescriptorsTheListenerBacksOffAndRecovers) {
+    const std::string noDescriptors =
+        "Server cannot accept connections, error - Too many open files; retrying with back-off";
+    ServiceRunner runner(service);
+    int channel = registerRaw();
+    ASSERT_TRUE(service.waitForCallback(true));
+    // Made before the fill: connecting takes no further descriptor.
+    const int clients[] = {socket(AF_UNIX, SOCK_SEQPACKET, 0), socket(AF_UNIX, SOCK_SEQPACKET, 0)};
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, kServicePath);
+    auto connectClient = [&addr](int fd) {
+        return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    };
+    LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<DescriptorFill> fill(std::in_place);
+    // A blocked accept holds the descriptor of the connection it waits for:
+    // the first client takes that one, and the next accept finds none.
+    ASSERT_TRUE(connectClient(clients[0]));
+    ASSERT_TRUE(log.waitFor(ANDROID_LOG_ERROR, noDescriptors));
+    ASSERT_TRUE(connectClient(clients[1]));
+    for (int i = 0; i < 5; ++i) {
+        service.report(7, std::to_string(i));
+        EXPECT_EQ(recvRaw(channel).bytes, notifyText(7, std::to_string(i)));
+        // The episode lasts a while: the listener tries again meanwhile.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    fill.reset();
+    for (int fd : clients) {
+        ASSERT_TRUE(sendRaw(fd, kQuery));
+        EXPECT_EQ(recvRaw(fd).bytes, service.answer);
+        close(fd);
+    }
+    const auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, noDescriptors), 1u);
+    EXPECT_FALSE(log.contains(ANDROID_LOG_ERROR, "Server failed to accept packet over socket"));
+    const int failed = loggedCount(log, "Server accepts connections again after ");
+    EXPECT_GE(failed, 2);
+    EXPECT_LE(failed, elapsedMs.count() / 5 + 1) << "accept retried without a pause";
+    ASSERT_TRUE(sendRaw(channel, kDispose));
+    EXPECT_EQ(recvRaw(channel).bytes, kExit);
+    closeRaw(channel);
     int fd = registerRaw();
     EXPECT_GE(fd, 0);
     closeRaw(fd);
@@ -341,6 +522,19 @@ TEST_F(Sender, DropsBeforeRunningAndAfterEndAndSendsExitOnce) {
     EXPECT_EQ(sender.observe(), 1);
     EXPECT_TRUE(
         log.contains(ANDROID_LOG_ERROR, "Server can not observe callback with invalid fd."));
+}
+
+// A reply that cannot be sent leaves the channel stopped, its send thread
+// ended: nothing is left for the destructor to force to stop.
+TEST_F(Sender, AReplyThatCannotBeSentLeavesTheChannelStopped) {
+    LogCapture log;
+    shutdown(fds[1], SHUT_RD);
+    {
+        SocketOemPolicyCBServer sender(fds[0]);
+        EXPECT_EQ(sender.observe(), 2);
+    }
+    EXPECT_FALSE(
+        log.contains(ANDROID_LOG_DEBUG, "Server policy callback is still running, force stop."));
 }
 
 TEST_F(Sender, PacketsThatAreNotADisposeKeepTheChannelOpen) {

@@ -59,9 +59,13 @@ class ForwardingFactory : public IOemPolicyCBFactory {
 public:
     explicit ForwardingFactory(EventLog* log = nullptr) : log_(log) {}
     IOemPolicyCB* createCallback(IOemPolicyCB* channel) override {
+        if (passThrough) {
+            return channel;
+        }
         return makeNothing ? nullptr : new ForwardingCallback(channel, log_);
     }
     std::atomic<bool> makeNothing{false};
+    std::atomic<bool> passThrough{false};  // hands back the channel itself
 
 private:
     EventLog* log_;

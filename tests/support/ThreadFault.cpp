@@ -11,6 +11,7 @@ namespace {
 std::atomic<int> gToRefuse{0};
 std::atomic<int> gRefused{0};
 
+#if !defined(TALVOEM_NO_THREAD_FAULT)
 // Takes one failure from the budget; false when none is left.
 bool refuseOne() {
     int left = gToRefuse.load();
@@ -22,6 +23,7 @@ bool refuseOne() {
     }
     return false;
 }
+#endif
 
 }  // namespace
 
