@@ -30,10 +30,10 @@ constexpr int32_t kCodeSuccess = 0;
 // or setPolicyCallback said no), an unknown callback type, or a queryPolicy
 // that failed without writing an answer.
 constexpr int32_t kCodeFailed = -1;
-// A channel that could not start: its descriptor was invalid, or the
-// registration reply could not be sent.
+// A channel that could not start: its descriptor was invalid (1), or its
+// send thread could not be created or the registration reply not sent (2).
 constexpr int32_t kCodeChannelNoDescriptor = 1;
-constexpr int32_t kCodeChannelReplyNotSent = 2;
+constexpr int32_t kCodeChannelNotStarted = 2;
 constexpr int32_t kCodeUnreadableRequest = 4;
 constexpr int32_t kCodeNoCallbackFactory = 6;
 constexpr int32_t kCodeUnknownApi = 10;

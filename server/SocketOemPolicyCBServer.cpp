@@ -64,7 +64,7 @@ int SocketOemPolicyCBServer::observe() {
         // channel's first packet: the thread needs this lock to send, and
         // nothing can be queued before it is released.
         if (!startSendThreadLocked()) {
-            return protocol::kCodeChannelReplyNotSent;
+            return protocol::kCodeChannelNotStarted;
         }
         OemJsonUtils::Resp reply;
         reply.msg = "success";
@@ -79,7 +79,7 @@ int SocketOemPolicyCBServer::observe() {
         // Back to Created: the thread finds the channel stopped and ends.
         wakeUp_.notify_all();
         unstarted->join();
-        return protocol::kCodeChannelReplyNotSent;
+        return protocol::kCodeChannelNotStarted;
     }
     loopRecv();
     return 0;
