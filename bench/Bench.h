@@ -36,8 +36,10 @@ using Samples = std::map<std::string, std::vector<double>>;
 // failed. Adds `key`.ops, .p50 and .p99; returns the failed ops.
 size_t runQueries(Samples& samples, const std::string& key, const std::function<bool()>& op,
                   int clients, double seconds, size_t maxOps);
-// A query through the library's transport and codec to the library service.
+// A query through the library's transport and codec to the library service,
+// written by hand; and the same through talvoem::queryService.
 bool libraryQuery();
+bool queryServiceCall();
 
 enum class Channel {
     kLibrary,  // a SocketOemQueryClient to the library service

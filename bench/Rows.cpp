@@ -9,6 +9,7 @@
 #include "OemJsonUtils.h"
 #include "SocketOemQueryClient.h"
 #include "SocketTransport.h"
+#include "TalvoemPolicyQuery.h"
 
 namespace talvoem::bench {
 
@@ -138,6 +139,12 @@ bool libraryQuery() {
                     !resp.data.empty();
     closeConnection(fd);
     return ok;
+}
+
+bool queryServiceCall() {
+    const QueryAnswer answer = queryService(kQueryType, "");
+    return answer.result == QueryResult::kAnswered && answer.envelope.code == 0 &&
+           !answer.envelope.data.empty();
 }
 
 size_t runQueries(Samples& samples, const std::string& key, const std::function<bool()>& op,

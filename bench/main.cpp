@@ -100,6 +100,7 @@ void runRepetition(int rep, const Plan& plan, test::TestService& library, Sample
     floor::freshBuffers = false;
     __android_log_set_logger(discardLog);
     query(samples, "query1.quiet.lib", libraryQuery, 1, plan);
+    query(samples, "query1.call.lib", queryServiceCall, 1, plan);
     __android_log_set_logger(__android_log_stderr_logger);
 
     std::pair<Channel, const char*> kinds[] = {
@@ -150,6 +151,8 @@ const Line kLines[] = {
     {"query floor, fresh 512 KiB bufs", "p50 us", "query1.fresh.p50", "query floor",
      "query1.floor.p50", ""},
     {"notify, channel floor paced", "p50 us", "paced.floor.p50", "bare push", "paced.bare.p50", ""},
+    {"query, 1 client, queryService", "p50 us", "query1.call.lib.p50", "hand-written",
+     "query1.quiet.lib.p50", ""},
     {"query, 1 client, logs to stderr", "ops/s", "query1.lib.ops", "logs discarded",
      "query1.quiet.lib.ops", ""},
     {"query, 1 client, logs to stderr", "p50 us", "query1.lib.p50", "logs discarded",

@@ -2,7 +2,8 @@
 # project's own targets links privately; nothing is set globally.
 add_library(talvoem_build_flags INTERFACE)
 target_compile_options(talvoem_build_flags INTERFACE -Wall -Wextra)
-# clang checks the lock annotations (TalvoemThreadAnnotations.h) at compile time.
+# clang checks the lock annotations (platform/include/talvoem/ThreadAnnotations.h)
+# at compile time, inside the library (TALVOEM_BUILDING_LIBRARY).
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(talvoem_build_flags INTERFACE -Wthread-safety)
 endif()

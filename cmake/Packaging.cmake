@@ -1,6 +1,8 @@
 # Installs the library (with its SONAME links), the public headers, a CMake
 # package (find_package(talvoem_query_sys) -> talvoem_query_sys::talvoem_query_sys)
-# and a pkg-config file.
+# and a pkg-config file. Nothing installed names the prefix: the package and
+# the .pc file find it from their own place, and the tools find the library
+# through a run path relative to themselves, so the tree may be moved.
 include(CMakePackageConfigHelpers)
 
 set(TALVOEM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/talvoem_query_sys)
@@ -20,6 +22,7 @@ install(FILES ${PROJECT_BINARY_DIR}/talvoem_query_sysConfig.cmake
               ${PROJECT_BINARY_DIR}/talvoem_query_sysConfigVersion.cmake
         DESTINATION ${TALVOEM_CMAKE_DIR})
 
+file(RELATIVE_PATH TALVOEM_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
 configure_file(cmake/talvoem_query_sys.pc.in ${PROJECT_BINARY_DIR}/talvoem_query_sys.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/talvoem_query_sys.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -2,28 +2,29 @@
 
 #include <mutex>
 
-// Clang's thread-safety attributes, so that a clang build with
-// -Wthread-safety checks at compile time which lock guards which member and
-// which functions expect a lock held or free. Empty for other compilers.
-#if defined(__clang__)
-#define TALVOEM_THREAD_ANNOTATION(x) __attribute__((x))
+// The library's classes carry clang thread-safety annotations on their members
+// so that the library's own clang build (-Wthread-safety) checks its locking.
+// Those annotations name private mutexes, which a caller can neither see nor
+// hold, so they are checked only where they can be kept: the library's build
+// defines TALVOEM_BUILDING_LIBRARY (privately) and gets the real attributes
+// and the capability-typed talvoem::Mutex from an internal header. For every
+// other translation unit the annotations expand to nothing and talvoem::Mutex
+// is plain std::mutex: the same type and layout, so the classes are the same
+// on both sides, and an application built with -Wthread-safety -Werror can
+// call every public member.
+#if defined(TALVOEM_BUILDING_LIBRARY)
+#include "talvoem/ThreadAnnotations.h"
 #else
-#define TALVOEM_THREAD_ANNOTATION(x)
-#endif
-
-#define TALVOEM_CAPABILITY(name) TALVOEM_THREAD_ANNOTATION(capability(name))
-#define TALVOEM_SCOPED_CAPABILITY TALVOEM_THREAD_ANNOTATION(scoped_lockable)
-#define TALVOEM_GUARDED_BY(lock) TALVOEM_THREAD_ANNOTATION(guarded_by(lock))
-#define TALVOEM_REQUIRES(...) TALVOEM_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define TALVOEM_EXCLUDES(...) TALVOEM_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define TALVOEM_ACQUIRE(...) TALVOEM_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define TALVOEM_RELEASE(...) TALVOEM_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define TALVOEM_TRY_ACQUIRE(...) TALVOEM_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#define TALVOEM_CAPABILITY(name)
+#define TALVOEM_SCOPED_CAPABILITY
+#define TALVOEM_GUARDED_BY(lock)
+#define TALVOEM_REQUIRES(...)
+#define TALVOEM_EXCLUDES(...)
+#define TALVOEM_ACQUIRE(...)
+#define TALVOEM_RELEASE(...)
+#define TALVOEM_TRY_ACQUIRE(...)
 
 namespace talvoem {
-
-// std::mutex itself, declared a capability so the analysis can follow it;
-// std::condition_variable and std::unique_lock take it unchanged.
-typedef std::mutex TALVOEM_CAPABILITY("mutex") Mutex;
-
+using Mutex = std::mutex;
 }  // namespace talvoem
+#endif

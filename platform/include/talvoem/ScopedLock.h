@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "TalvoemThreadAnnotations.h"
+#include "talvoem/ThreadAnnotations.h"
 
 namespace talvoem {
 
