@@ -21,10 +21,22 @@ Store& store() {
     return *instance;
 }
 
-void capture(const __android_logger_data* data, const char* message) {
+void keep(int priority, const char* message) {
     std::lock_guard<std::mutex> lock(store().mutex);
-    store().lines.push_back({data->priority, message != nullptr ? message : ""});
+    store().lines.push_back({priority, message != nullptr ? message : ""});
 }
+
+// The platform's liblog hands a logger one message record; the host library
+// packaged by Debian predates it and passes the metadata and text apart.
+#if defined(__ANDROID__)
+void capture(const __android_log_message* message) {
+    keep(message->priority, message->message);
+}
+#else
+void capture(const __android_logger_data* data, const char* message) {
+    keep(data->priority, message);
+}
+#endif
 
 }  // namespace
 
