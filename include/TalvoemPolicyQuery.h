@@ -14,11 +14,14 @@ namespace talvoem {
 // may still be non-zero (the service refused or found nothing).
 enum class QueryResult {
     kAnswered,             // the answer decoded as an envelope
-    kNoService,            // nothing accepted the connection before the deadline
+    kNoService,            // nothing listens at the path (after the connect retries)
     kClosedWithoutAnswer,  // the service closed the connection without answering
-    kTimedOut,             // connected, but no answer came before the deadline
+    kTimedOut,             // the deadline passed: the service did not take the connection
+                           // (its backlog full, e.g. stopped) or did not answer
     kAnswerCut,            // the answer was longer than the receive limit and arrived cut
     kNotEnvelope,          // the answer was not a response envelope
+    kLocalFailure,         // failed on this side: the request is longer than the receive
+                           // limit or than the socket can send, or sockets or memory ran out
 };
 
 constexpr std::chrono::milliseconds kDefaultQueryTimeout{5000};
@@ -33,9 +36,11 @@ struct QueryAnswer {
 };
 
 // Connects to /dev/socket/talvoem, sends a query request of `type` and `data`
-// written by the codec, and waits for the one answer. Never blocks longer than
-// `timeout` in all (connecting included). Safe to call from any number of
-// threads at once; it keeps no state between calls.
+// written by the codec, and waits for the one answer. A missing service is
+// retried on the transport's schedule (20, 40, 80, 160, 320 ms). Never blocks
+// longer than `timeout` in all, connecting included; zero or less times out
+// at once. Safe to call from any number of threads at once: it keeps no state
+// between calls, throws nothing and never raises SIGPIPE.
 QueryAnswer queryService(uint16_t type, const std::string& data,
                          std::chrono::milliseconds timeout = kDefaultQueryTimeout);
 
