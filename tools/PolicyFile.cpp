@@ -172,13 +172,16 @@ std::string readPolicyFile(const std::string& path, Policy& policy) {
     if (!file) {
         return "cannot open the file";
     }
-    // One byte more than the cap tells a file at the cap from a longer one.
-    std::string text(kMaxPolicyFileBytes + 1, '\0');
-    file.read(&text[0], static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(file.gcount()));
-    if (text.size() > kMaxPolicyFileBytes) {
-        return "the file is larger than the " + std::to_string(kMaxPolicyFileBytes) +
-               "-byte limit";
+    // Read in chunks, so a small file costs little and an endless one stops
+    // one chunk past the cap.
+    std::string text;
+    char chunk[16384];
+    while (file.read(chunk, sizeof(chunk)) || file.gcount() > 0) {
+        text.append(chunk, static_cast<size_t>(file.gcount()));
+        if (text.size() > kMaxPolicyFileBytes) {
+            return "the file is larger than the " + std::to_string(kMaxPolicyFileBytes) +
+                   "-byte limit";
+        }
     }
     return decode(text, policy);
 }
