@@ -111,9 +111,9 @@ std::string syntaxError(const std::string& text) {
         return "";
     }
     const auto errors = reader.getStructuredErrors();
-    return errors.empty() ? "not JSON"
-                          : at(text, static_cast<size_t>(errors.front().offset_start),
-                               errors.front().message);
+    return errors.empty()
+               ? "not JSON"
+               : at(text, static_cast<size_t>(errors.front().offset_start), errors.front().message);
 }
 
 #pragma GCC diagnostic pop

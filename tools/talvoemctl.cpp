@@ -206,8 +206,8 @@ int query(const Options& options) {
     }
     // Nothing to undo: an interrupted query just ends.
     takeSignals([](int signal) { _exit(kSignalBase + signal); });
-    const talvoem::QueryAnswer answer = talvoem::queryService(
-        static_cast<uint16_t>(type), data, std::chrono::seconds(seconds));
+    const talvoem::QueryAnswer answer =
+        talvoem::queryService(static_cast<uint16_t>(type), data, std::chrono::seconds(seconds));
     if (answer.result != QueryResult::kAnswered) {
         return queryFailure(answer, seconds);
     }
@@ -245,7 +245,7 @@ int query(const Options& options) {
 // printed whatever arrives during the dispose.
 class Watch : public IOemPolicyCB {
 public:
-    static constexpr int kPending = -1000;  // observePolicyCallback has not returned
+    static constexpr int kPending = -1000;   // observePolicyCallback has not returned
     static constexpr int kNoThread = -1001;  // its receive thread could not start
 
     explicit Watch(long wanted) : wanted(wanted) {}
@@ -384,7 +384,8 @@ int runWatch(Watch& w, long seconds) {
         return kSignalBase + w.lastSignal;
     }
     if (w.opened == Watch::kPending) {
-        fprintf(stderr, "talvoemctl: the service did not answer the channel request within %lld s\n",
+        fprintf(stderr,
+                "talvoemctl: the service did not answer the channel request within %lld s\n",
                 static_cast<long long>(kRegistrationWait.count()));
         return kTimedOut;
     }
@@ -447,10 +448,10 @@ int main(int argc, char** argv) {
     }
     Options options;
     std::string error;
-    bool parsed = command == "query" ? parseOptions(argc, argv, " type op subsys func timeout ",
-                                                    " json verbose ", options, error)
-                                     : parseOptions(argc, argv, " count timeout ", " verbose ",
-                                                    options, error);
+    bool parsed = command == "query"
+                      ? parseOptions(argc, argv, " type op subsys func timeout ", " json verbose ",
+                                     options, error)
+                      : parseOptions(argc, argv, " count timeout ", " verbose ", options, error);
     if (!parsed) {
         return usageError(error, command);
     }

@@ -170,9 +170,8 @@ public:
             *result = envelope(0, "success", snapshot->document);
         } else {
             Policy selected = selectPolicy(snapshot->policy, selector);
-            *result = selected.empty()
-                          ? envelope(kCodeNoMatch, "No policy matches the selector.")
-                          : envelope(0, "success", encode(selected));
+            *result = selected.empty() ? envelope(kCodeNoMatch, "No policy matches the selector.")
+                                       : envelope(0, "success", encode(selected));
         }
         // A longer answer would not go out at all (or arrive cut): a refusal
         // the client can read is better than a document it cannot.

@@ -123,8 +123,7 @@ TEST(TalvoemdTest, RefusesACommandLineOrAPolicyFileItCannotServe) {
          load + "line 1, column 16: bytes after the document\n"},
         {"", "[\n {\"name\" \"a\"}]", 1, "",
          load + "line 2, column 10: Missing ':' after object member name\n"},
-        {"", deep.c_str(), 1, "",
-         load + "line 1, column 65: nested deeper than 64 levels\n"},
+        {"", deep.c_str(), 1, "", load + "line 1, column 65: nested deeper than 64 levels\n"},
         {"", "[{\"name\":\"a\",\"subsyss\":[{\"name\":\"s\"},{\"name\":\"s\"}]}]", 1, "",
          load + "subsystem \"s\" appears twice in operation \"a\"\n"},
         {"", "[] // no operations yet", 1, "",
@@ -199,8 +198,8 @@ TEST(TalvoemdTest, AWatcherThatStopsReadingHoldsUpNoReloadAndNoQuery) {
     const std::vector<Operate> last = {{"edit-500", {}}};
     for (size_t i = 1; i <= 500; ++i) {
         edit(doc({{"edit-" + std::to_string(i), {}}}));
-        ASSERT_TRUE(waitUntil(
-            [&] { return countOf(service->out(".err"), "policy reloaded") == i; }, kLong))
+        ASSERT_TRUE(
+            waitUntil([&] { return countOf(service->out(".err"), "policy reloaded") == i; }, kLong))
             << "edit " << i;
     }
     EXPECT_EQ(answer(last), roundTrip(queryText(0, "")));
@@ -253,7 +252,8 @@ TEST(CtlTest, GivesEachFailureItsOwnExitStatusAndEndsAtEachDeadlineAndSignal) {
     const std::tuple<const char*, std::string, int, int, std::string, std::string> rows[] = {
         {nullptr, "query", 0, 3, "", noService},
         {nullptr, "watch", 0, 3, "", noService},
-        {"", "query", 0, 4, "", "talvoemctl: the service closed the connection without an answer\n"},
+        {"", "query", 0, 4, "",
+         "talvoemctl: the service closed the connection without an answer\n"},
         {whole.c_str(), "query --json", 0, 0, whole, ""},
         {cut.c_str(), "query", 0, 5, "",
          "talvoemctl: the answer was longer than 524288 bytes and arrived cut\n"},
@@ -283,7 +283,8 @@ TEST(CtlTest, GivesEachFailureItsOwnExitStatusAndEndsAtEachDeadlineAndSignal) {
         auto& service = immortal<TestService>(&immortal<ForwardingFactory>());
         service.answer = mode;
         service.refuseCallback = mode == "refuse";
-        auto runner = reply && mode != "silent" ? std::make_unique<ServiceRunner>(service) : nullptr;
+        auto runner =
+            reply && mode != "silent" ? std::make_unique<ServiceRunner>(service) : nullptr;
         const int silent = mode == "silent" ? bindPath() : -1;
         ASSERT_TRUE(silent < 0 || listen(silent, 4) == 0);
         Child ran(kCtl + " " + args);
