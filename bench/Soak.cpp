@@ -255,7 +255,7 @@ std::string verdict(const char* name, long grown, long tolerance, long left, boo
 // Starts talvoemd on `policy` with the launcher's control socket; keeps no
 // copy of the socket, so the listening ends with the service.
 pid_t startService(const char* talvoemd, const std::string& policy) {
-    const char* socket = getenv("ANDROID_SOCKET_talvoem");
+    const char* control = getenv("ANDROID_SOCKET_talvoem");
     const pid_t pid = fork();
     if (pid == 0) {
         if (freopen("/dev/null", "w", stderr) != nullptr) {
@@ -263,8 +263,8 @@ pid_t startService(const char* talvoemd, const std::string& policy) {
         }
         _exit(127);
     }
-    if (socket != nullptr) {
-        close(atoi(socket));
+    if (control != nullptr) {
+        close(atoi(control));
     }
     unsetenv("ANDROID_SOCKET_talvoem");
     return pid;
