@@ -235,6 +235,28 @@ TEST(TalvoemdTest, AnswersLongerThanTheReceiveLimitGetCode3AndOthersArriveWhole)
     EXPECT_EQ(1000u * (1 + 1 + 8), countOf(tree.out(), "\n"));
 }
 
+TEST(TalvoemdTest, AnAnswerAboveWhatTheConnectionCanSendGetsCode3) {
+#if !defined(TALVOEM_SNDBUF_CAP)
+    GTEST_SKIP() << "preloading needs a plain, native build";
+#else
+    // A default kernel's net.core.wmem_max grants at most 425,984 bytes of
+    // send buffer: 425,952 bytes a packet.
+    const std::vector<Operate> policy = bigPolicy(1200);
+    ASSERT_GT(answer(policy).size(), 425952u);
+    ASSERT_LT(answer(policy).size(), kReceiveLimit);
+    edit(doc(policy));
+    Child service("env LD_PRELOAD=" TALVOEM_SNDBUF_CAP " TALVOEM_TEST_WMEM_MAX=212992 " +
+                  kLauncher + " -- " + kService + " " + kPolicyFile);
+    ASSERT_TRUE(waitUntil([] { return !roundTrip(queryText(0, "")).empty(); }, kLong));
+    Child whole(kCtl + " query --json");
+    EXPECT_EQ(1, whole.wait()) << whole.out(".err");
+    EXPECT_EQ(envelopeText(3,
+                           "The answer exceeds the 425952 bytes a client can receive; narrow "
+                           "the selector."),
+              whole.out());
+#endif
+}
+
 // A listening socket that never accepts: connections wait in its backlog.
 bool connectionWaiting(int listener) {
     pollfd pending = {listener, POLLIN, 0};
