@@ -247,7 +247,7 @@ TEST(TalvoemdTest, AnAnswerAboveWhatTheConnectionCanSendGetsCode3) {
     edit(doc(policy));
     Child service("env LD_PRELOAD=" TALVOEM_SNDBUF_CAP " TALVOEM_TEST_WMEM_MAX=212992 " +
                   kLauncher + " -- " + kService + " " + kPolicyFile);
-    ASSERT_TRUE(waitUntil([] { return !roundTrip(queryText(0, "")).empty(); }, kLong));
+    ASSERT_TRUE(waitUntil([] { return !roundTrip(queryText(0, "")).empty(); }, kLong / 3));
     Child whole(kCtl + " query --json");
     EXPECT_EQ(1, whole.wait()) << whole.out(".err");
     EXPECT_EQ(envelopeText(3,
