@@ -70,7 +70,12 @@ void awaitExit(int fd) {
 }  // namespace
 
 SocketOemPolicyCBClient::SocketOemPolicyCBClient(IOemPolicyCB* cb)
-    : fd_(-1), callback_(cb), running_(false), disposing_(false), owner_(getpid()) {}
+    : fd_(-1),
+      callback_(cb),
+      running_(false),
+      disposing_(false),
+      shutDownByDispose_(false),
+      owner_(getpid()) {}
 
 SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
     adoptAfterFork();
@@ -89,8 +94,6 @@ SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
     {
         talvoem::ScopedLock lock(mutex_);
         thread = recvThread_;
-        // Only a descriptor whose receive thread never started is left here.
-        resetSocketFd();
     }
     joinThread(thread);
 }
@@ -157,9 +160,10 @@ void SocketOemPolicyCBClient::dispose() {
     talvoem::ScopedLock lock(mutex_);
     if (disposing_) {
         // Another thread has sent the one dispose request and joins the
-        // receive thread; a second request would reach a service that has
-        // already closed (which then resets the connection under the exit
-        // message), and a second join of one thread never returns.
+        // receive thread. A second request would lie unread when the service
+        // closes after its exit message, and that close then resets the
+        // connection before the loop reads the exit (a false type 100); a
+        // second join of one thread never returns.
         while (disposing_) {
             disposeEnded_.wait(lock.native());
         }
@@ -168,16 +172,15 @@ void SocketOemPolicyCBClient::dispose() {
     disposing_ = true;
     if (fd_ >= 0 && sendRequest(fd_, protocol::kTypeDispose) != 0) {
         TALVOEM_LOGE("Client force close fd");
-        // A running receive loop may be blocked in recvMsg on this descriptor
-        // or about to enter it: a close under it would leave it waiting, or
-        // reading whatever the number is reused for. The shutdown wakes it,
-        // and the loop closes the descriptor itself before it ends, so by the
-        // time the join returns the descriptor is closed. With no loop (its
-        // thread could not start) the descriptor is closed here.
+        // The descriptor is open only while a receive loop serves it, which
+        // may be blocked in recvMsg on it or about to enter it: a close under
+        // it would leave it waiting, or reading whatever the number is reused
+        // for. The shutdown wakes it, and the loop closes the descriptor
+        // itself before it ends, so by the time the join returns the
+        // descriptor is closed. The loop does not report its own channel's
+        // shutdown as a lost service.
         shutdown(fd_, SHUT_RDWR);
-        if (!recvThread_ || !recvThread_->joinable()) {
-            resetSocketFd();
-        }
+        shutDownByDispose_ = true;
     }
     // After a sent dispose the service answers with the exit message, on
     // which the receive loop closes the descriptor and ends.
@@ -225,10 +228,8 @@ void SocketOemPolicyCBClient::loopRecv() {
     }
     resetSocketFd();
     running_ = false;
-    // A loop that ends while the application disposes of the channel ended
-    // at its request, however the connection went: reporting it lost would
-    // reach the application after its dispose() had returned.
-    const bool report = lost && !disposing_;
+    const bool report = lost && !shutDownByDispose_;
+    shutDownByDispose_ = false;
     lock.unlock();
     if (report) {
         deliver(protocol::kTypeConnectionLost);
@@ -298,4 +299,5 @@ void SocketOemPolicyCBClient::adoptInherited() {
     }
     running_ = false;
     disposing_ = false;
+    shutDownByDispose_ = false;
 }

@@ -23,8 +23,8 @@
 // detached notify thread, which is not tracked: the application's callback
 // must outlive every delivery, also after dispose() returns.
 //
-// Lock: mutex_ guards fd_, running_, recvThread_ and disposing_ (callback_
-// never changes); disposeEnded_ is signalled under it when a dispose ends.
+// Lock: mutex_ guards fd_, running_, recvThread_ and the two dispose flags
+// (callback_ never changes); disposeEnded_ is signalled when a dispose ends.
 // observe() holds it throughout, connection retries included; the receive
 // thread holds it except while it waits in recvMsg, so a delivery is handed to
 // its thread under the lock. No other lock is taken while it is held. Only
@@ -37,16 +37,15 @@
 //    reset to -1, so a failed channel holds nothing and may observe again;
 //  - dispose() may be called from any number of threads at once: one sends
 //    the dispose request and joins the receive thread, the others wait for it
-//    and return. A loop that ends while a dispose is under way delivers
-//    nothing, not even type 100;
+//    and return. When the request cannot be sent, dispose() shuts the
+//    descriptor down to wake the loop, which then reports no type 100;
 //  - in a forked child the channel is a copy whose receive thread does not
 //    exist: the child's first call on it (dispose() and the destructor
 //    included) closes the child's copy of the descriptor and forgets the
 //    thread, sending nothing, so the parent's channel goes on as before;
-//  - the destructor disposes of a channel that is still open, joins a receive
-//    thread that ended by itself (exit message or lost service) and was never
-//    disposed of, so destroying it never calls std::terminate, and closes a
-//    descriptor that no receive loop will close (its thread could not start).
+//  - the destructor disposes of a channel that is still open and joins a
+//    receive thread that ended by itself (exit message or lost service) and
+//    was never disposed of, so destroying it never calls std::terminate.
 class SocketOemPolicyCBClient : public IOemPolicyCB {
 public:
     explicit SocketOemPolicyCBClient(IOemPolicyCB* cb);
@@ -97,6 +96,8 @@ private:
     bool running_ TALVOEM_GUARDED_BY(mutex_);
     // Set by the one dispose() under way, from its request to its join's end.
     bool disposing_ TALVOEM_GUARDED_BY(mutex_);
+    // Set when dispose() shut the descriptor down to wake the loop.
+    bool shutDownByDispose_ TALVOEM_GUARDED_BY(mutex_);
     std::condition_variable disposeEnded_;
     // The process whose state this is (a forked child inherits its parent's),
     // or kAdopting while a child adopts it.

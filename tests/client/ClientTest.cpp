@@ -141,8 +141,8 @@ TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
 }
 
 // A dispose request that cannot be sent closes the descriptor by force, and
-// the shutdown before the close wakes the receive still blocked on it. The
-// loop it ends is not reported lost: the application asked for the end.
+// the shutdown before the close wakes the receive still blocked on it. That
+// shutdown is the channel's own, not a lost service: no type 100.
 TEST_F(Client, DisposeThatCannotBeSentClosesByForceAndWakesTheReceive) {
     LogCapture log;
     std::promise<void> disposed;
