@@ -101,7 +101,8 @@ SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
 int SocketOemPolicyCBClient::observe() {
     adoptAfterFork();
     talvoem::ScopedLock lock(mutex_);
-    // The disposer joins the previous receive thread; this call must not too.
+    // A dispose under way joins the previous receive thread: a join here
+    // too would be a second join of one thread.
     while (disposing_) {
         disposeEnded_.wait(lock.native());
     }

@@ -29,7 +29,8 @@
 // thread holds it except while it waits in recvMsg, so a delivery is handed to
 // its thread under the lock. No other lock is taken while it is held. Only
 // the one dispose() under way (disposing_), observe() and the destructor join
-// the receive thread, never two at once. owner_ is atomic and lock-free.
+// the receive thread, never two at once. owner_ is atomic, outside the lock
+// (a forked child cannot trust its copy of the lock until it has adopted it).
 //
 // Ownership: the channel owns and closes its descriptor. The application's
 // callback is borrowed, never deleted. Beyond the wire contract:

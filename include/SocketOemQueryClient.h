@@ -31,7 +31,7 @@ public:
     // Opens a channel delivering to `cb`: 0, 11 for a null callback, or the
     // channel's observe() result, 5 included when its receive thread could
     // not be created; after any failure the client holds no channel and the
-    // service none for it. Throws nothing.
+    // service none for it. A thread that cannot be created throws nothing.
     int observePolicyCallback(IOemPolicyCB* cb);
     // Ends and deletes the channel held, if any.
     void disposePolicyCallback();
