@@ -1,26 +1,33 @@
 #include "SocketOemPolicyCBClient.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <new>
 #include <system_error>
 
 #include "OemJsonUtils.h"
 #include "SocketTransport.h"
+#include "TalvoemProtocol.h"
 #include "talvoem/Log.h"
 #include "talvoem/ScopedLock.h"
 
 namespace {
 
-constexpr uint16_t kTypeRegister = 1;
-constexpr uint16_t kTypeDispose = 2;
-constexpr uint16_t kCmdNotify = 1;
-constexpr uint16_t kCmdExit = 2;
-constexpr uint16_t kTypeConnectionLost = 100;
+namespace protocol = talvoem::protocol;
+
+// owner_ while one thread of a forked child adopts the inherited copy.
+constexpr pid_t kAdopting = -1;
+
+// How long an observe() whose receive thread could not start waits for the
+// service to answer its dispose request with the exit message.
+constexpr std::chrono::milliseconds kExitWait{1000};
 
 int sendRequest(int fd, uint16_t type) {
     OemJsonUtils::SetPolicyCallback::Req req;
-    req.api = "setPolicyCallback";
+    req.api = protocol::kApiSetPolicyCallback;
     req.type = type;
     std::string text;
     OemJsonUtils::SetPolicyCallback::toJson(req, text);
@@ -39,12 +46,39 @@ void joinThread(const std::shared_ptr<std::thread>& thread) {
     }
 }
 
+// Reads `fd` (borrowed) until the exit message, the end of the connection or
+// kExitWait, passing over notifications that were already on their way.
+void awaitExit(int fd) {
+    const auto deadline = std::chrono::steady_clock::now() + kExitWait;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd ready = {fd, POLLIN, 0};
+        std::string text;
+        if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) != 1 ||
+            recvMsg(fd, text) < 1) {
+            return;
+        }
+        OemJsonUtils::SetPolicyCallback::Callback msg;
+        OemJsonUtils::SetPolicyCallback::fromJson(text, msg);
+        if (msg.cmd == protocol::kCmdExit) {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 SocketOemPolicyCBClient::SocketOemPolicyCBClient(IOemPolicyCB* cb)
-    : fd_(-1), callback_(cb), running_(false) {}
+    : fd_(-1),
+      callback_(cb),
+      running_(false),
+      disposing_(false),
+      shutDownByDispose_(false),
+      owner_(getpid()) {}
 
 SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
+    adoptAfterFork();
     bool open;
     {
         talvoem::ScopedLock lock(mutex_);
@@ -60,14 +94,18 @@ SocketOemPolicyCBClient::~SocketOemPolicyCBClient() {
     {
         talvoem::ScopedLock lock(mutex_);
         thread = recvThread_;
-        // Only a descriptor whose receive thread never started is left here.
-        resetSocketFd();
     }
     joinThread(thread);
 }
 
 int SocketOemPolicyCBClient::observe() {
+    adoptAfterFork();
     talvoem::ScopedLock lock(mutex_);
+    // A dispose under way joins the previous receive thread: a join here
+    // too would be a second join of one thread.
+    while (disposing_) {
+        disposeEnded_.wait(lock.native());
+    }
     if (fd_ >= 0) {
         TALVOEM_LOGE("Client already has a policy callback connection.");
         return -1;
@@ -77,7 +115,7 @@ int SocketOemPolicyCBClient::observe() {
         return 1;
     }
     fd_ = fd;
-    if (sendRequest(fd_, kTypeRegister) != 0) {
+    if (sendRequest(fd_, protocol::kTypeRegister) != 0) {
         resetSocketFd();
         return 2;
     }
@@ -91,37 +129,68 @@ int SocketOemPolicyCBClient::observe() {
         resetSocketFd();
         return 4;
     }
-    if (reply.code != 0) {
+    if (reply.code != protocol::kCodeSuccess) {
         resetSocketFd();
         TALVOEM_LOGW("Client receive response from server is failed");
         return reply.code;
     }
     // A previous loop that ended by itself has left the lock for good.
     joinThread(recvThread_);
-    recvThread_ = std::make_shared<std::thread>(clientHandlerThread, this);
+    try {
+        recvThread_ = std::make_shared<std::thread>(clientHandlerThread, this);
+    } catch (const std::system_error& e) {
+        TALVOEM_LOGE("Client failed to start receive thread: %s", e.what());
+        endRegistration();
+        return kReceiveThreadNotStarted;
+    }
     return 0;
 }
 
+void SocketOemPolicyCBClient::endRegistration() {
+    // Ended politely rather than just closed, and awaited, so that the
+    // service has let go of its one channel when observe() returns and an
+    // observe right after is not refused for it.
+    if (sendRequest(fd_, protocol::kTypeDispose) == 0) {
+        awaitExit(fd_);
+    }
+    resetSocketFd();
+}
+
 void SocketOemPolicyCBClient::dispose() {
+    adoptAfterFork();
     talvoem::ScopedLock lock(mutex_);
-    if (fd_ >= 0 && sendRequest(fd_, kTypeDispose) != 0) {
-        TALVOEM_LOGE("Client force close fd");
-        // A running receive loop may be blocked in recvMsg on this descriptor
-        // or about to enter it: a close under it would leave it waiting, or
-        // reading whatever the number is reused for. The shutdown wakes it,
-        // and the loop closes the descriptor itself before it ends, so by the
-        // time the join returns the descriptor is closed. With no loop (its
-        // thread could not start) the descriptor is closed here.
-        shutdown(fd_, SHUT_RDWR);
-        if (!recvThread_ || !recvThread_->joinable()) {
-            resetSocketFd();
+    if (disposing_) {
+        // Another thread has sent the one dispose request and joins the
+        // receive thread. A second request would lie unread when the service
+        // closes after its exit message, and that close then resets the
+        // connection before the loop reads the exit (a false type 100); a
+        // second join of one thread never returns.
+        while (disposing_) {
+            disposeEnded_.wait(lock.native());
         }
+        return;
+    }
+    disposing_ = true;
+    if (fd_ >= 0 && sendRequest(fd_, protocol::kTypeDispose) != 0) {
+        TALVOEM_LOGE("Client force close fd");
+        // The descriptor is open only while a receive loop serves it, which
+        // may be blocked in recvMsg on it or about to enter it: a close under
+        // it would leave it waiting, or reading whatever the number is reused
+        // for. The shutdown wakes it, and the loop closes the descriptor
+        // itself before it ends, so by the time the join returns the
+        // descriptor is closed. The loop does not report its own channel's
+        // shutdown as a lost service.
+        shutdown(fd_, SHUT_RDWR);
+        shutDownByDispose_ = true;
     }
     // After a sent dispose the service answers with the exit message, on
     // which the receive loop closes the descriptor and ends.
     std::shared_ptr<std::thread> thread = recvThread_;
     lock.unlock();
     joinThread(thread);
+    lock.lock();
+    disposing_ = false;
+    disposeEnded_.notify_all();
 }
 
 void SocketOemPolicyCBClient::onPolicyChanged(uint16_t type, std::string* data) {
@@ -150,19 +219,21 @@ void SocketOemPolicyCBClient::loopRecv() {
         // A text that does not decode leaves cmd at 0 and is ignored.
         OemJsonUtils::SetPolicyCallback::Callback msg;
         OemJsonUtils::SetPolicyCallback::fromJson(text, msg);
-        if (msg.cmd == kCmdExit) {
+        if (msg.cmd == protocol::kCmdExit) {
             TALVOEM_LOGD("Client receive exit cmd, will exit recv loop.");
             break;
         }
-        if (msg.cmd == kCmdNotify) {
+        if (msg.cmd == protocol::kCmdNotify) {
             deliver(msg.type);
         }
     }
     resetSocketFd();
     running_ = false;
+    const bool report = lost && !shutDownByDispose_;
+    shutDownByDispose_ = false;
     lock.unlock();
-    if (lost) {
-        deliver(kTypeConnectionLost);
+    if (report) {
+        deliver(protocol::kTypeConnectionLost);
     }
 }
 
@@ -190,6 +261,44 @@ void SocketOemPolicyCBClient::resetSocketFd() {
 }
 
 bool SocketOemPolicyCBClient::isSameCallback(IOemPolicyCB* cb) {
+    adoptAfterFork();
     talvoem::ScopedLock lock(mutex_);
     return cb != nullptr && cb == callback_ && running_;
+}
+
+void SocketOemPolicyCBClient::adoptAfterFork() {
+    const pid_t self = getpid();
+    for (pid_t owner = owner_.load(); owner != self; owner = owner_.load()) {
+        if (owner != kAdopting && owner_.compare_exchange_strong(owner, kAdopting)) {
+            adoptInherited();
+            owner_ = self;
+            return;
+        }
+        std::this_thread::yield();
+    }
+}
+
+void SocketOemPolicyCBClient::adoptInherited() {
+    // The lock and the condition are copies made at any moment of the
+    // parent's: the lock may have been held by a thread that does not exist
+    // here. New ones are built in their place; neither needs its destructor
+    // run, and no thread of this process can be using them yet.
+    new (&mutex_) talvoem::Mutex();
+    new (&disposeEnded_) std::condition_variable();
+    talvoem::ScopedLock lock(mutex_);
+    // This process's copy of the descriptor: closing it leaves the parent's
+    // connection open, and nothing is sent on it.
+    resetSocketFd();
+    // The receive thread runs only in the parent. Joining or detaching its
+    // handle here would act on a thread id that the child's thread library
+    // may already have given to a thread of its own, and destroying a
+    // joinable handle calls std::terminate: so an empty handle is built over
+    // it, without the old one's destructor, and released as any other.
+    if (recvThread_) {
+        new (recvThread_.get()) std::thread();
+        recvThread_.reset();
+    }
+    running_ = false;
+    disposing_ = false;
+    shutDownByDispose_ = false;
 }

@@ -30,9 +30,8 @@ int SocketOemQueryClient::observePolicyCallback(IOemPolicyCB* cb) {
         TALVOEM_LOGE("could not set callback, because it is null.");
         return 11;
     }
-    // Held before it observes: when its receive thread cannot be created the
-    // channel is registered with the service and stays held, so that
-    // disposePolicyCallback() can still end the service's channel.
+    // Every failed observe() (a receive thread that could not start
+    // included) has already ended what it registered, so the channel goes.
     channel_ = new SocketOemPolicyCBClient(cb);
     int result = channel_->observe();
     if (result != 0) {

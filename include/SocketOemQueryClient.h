@@ -29,9 +29,9 @@ public:
     // Contacts nobody and does not keep `cb`; returns 0.
     int8_t setPolicyCallback(IOemPolicyCB* cb) override;
     // Opens a channel delivering to `cb`: 0, 11 for a null callback, or the
-    // channel's observe() result (the client then holds no channel). When the
-    // channel's receive thread cannot be created, std::system_error passes
-    // through and the registered channel stays held for disposePolicyCallback.
+    // channel's observe() result, 5 included when its receive thread could
+    // not be created; after any failure the client holds no channel and the
+    // service none for it. A thread that cannot be created throws nothing.
     int observePolicyCallback(IOemPolicyCB* cb);
     // Ends and deletes the channel held, if any.
     void disposePolicyCallback();

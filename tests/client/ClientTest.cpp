@@ -3,6 +3,8 @@
 // cycle), the callback conversation end to end against the library's own
 // service, and the client object.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,6 +15,7 @@
 #include "Service.h"
 #include "SocketOemPolicyCBClient.h"
 #include "SocketOemQueryClient.h"
+#include "ThreadFault.h"
 #include "Wire.h"
 
 using namespace talvoem::test;
@@ -103,7 +106,7 @@ struct Client : testing::Test {
 
 TEST_F(Client, FailedRegistrationClosesItsDescriptorAndReturnsItsCode) {
     const std::pair<const char*, int> cases[] = {
-        {"{\"code\":5,\"msg\":\"refused\"}", 5}, {"", 3}, {"not an envelope", 4}};
+        {"{\"code\":7,\"msg\":\"refused\"}", 7}, {"", 3}, {"not an envelope", 4}};
     for (const auto& [reply, result] : cases) {
         SCOPED_TRACE(result);
         LogCapture log;
@@ -113,7 +116,7 @@ TEST_F(Client, FailedRegistrationClosesItsDescriptorAndReturnsItsCode) {
         EXPECT_EQ(channel.observe(), result);
         EXPECT_TRUE(waitUntil([&] { return closedByClient.load(); })) << "descriptor left open";
         EXPECT_EQ(log.count(ANDROID_LOG_WARN, "Client receive response from server is failed"),
-                  result == 5 ? 1u : 0u);
+                  result == 7 ? 1u : 0u);
     }
 }
 
@@ -138,7 +141,8 @@ TEST_F(Client, ChannelEndedByTheServiceIsJoinedByItsDestructor) {
 }
 
 // A dispose request that cannot be sent closes the descriptor by force, and
-// the shutdown before the close wakes the receive still blocked on it.
+// the shutdown before the close wakes the receive still blocked on it. That
+// shutdown is the channel's own, not a lost service: no type 100.
 TEST_F(Client, DisposeThatCannotBeSentClosesByForceAndWakesTheReceive) {
     LogCapture log;
     std::promise<void> disposed;
@@ -148,12 +152,105 @@ TEST_F(Client, DisposeThatCannotBeSentClosesByForceAndWakesTheReceive) {
         sendRaw(fd, kSuccess);
         disposed.get_future().wait();
     });
+    const Baseline before;
     SocketOemPolicyCBClient channel(&app);
     ASSERT_EQ(channel.observe(), 0);
     ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
     channel.dispose();
     disposed.set_value();
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "Client force close fd"));
+    EXPECT_TRUE(before.back()) << "no notify thread still running";
+    EXPECT_EQ(app.types(), std::vector<int>{});
+}
+
+// Several threads dispose of one channel at once: one request reaches the
+// service, every caller returns, and nothing is delivered.
+TEST_F(Client, ConcurrentDisposersSendOneRequestAndAllReturn) {
+    std::atomic<int> requests{0};
+    FakeService fake([&](int fd) {
+        recvRaw(fd);
+        sendRaw(fd, kSuccess);
+        // The exit message waits until no request has come for a while, so
+        // that every disposer has had its chance to send one.
+        for (Packet p = recvRaw(fd); p.status != Packet::kClosed;
+             p = recvRaw(fd, std::chrono::milliseconds(300))) {
+            requests += p.bytes == kDispose;
+            if (p.status == Packet::kTimeout) {
+                sendRaw(fd, kExit);
+            }
+        }
+    });
+    const Baseline before;
+    SocketOemPolicyCBClient channel(&app);
+    ASSERT_EQ(channel.observe(), 0);
+    ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
+    std::atomic<int> ready{0};
+    std::vector<std::thread> disposers;
+    for (int i = 0; i < 4; ++i) {
+        disposers.emplace_back([&] {
+            for (++ready; ready < 4;) {
+                std::this_thread::yield();
+            }
+            channel.dispose();
+        });
+    }
+    for (std::thread& disposer : disposers) {
+        disposer.join();
+    }
+    EXPECT_TRUE(before.back()) << "the service read to the end";
+    EXPECT_EQ(requests, 1);
+    EXPECT_EQ(app.types(), std::vector<int>{});
+}
+
+// A system out of threads never takes the application down. No thread for a
+// delivery: that one is dropped with a line, the loop goes on and the next one
+// arrives. No receive thread: observe() gives 5, after ending the registration
+// the service accepted and waiting for its exit message (past a notification
+// already on its way), so the service has let go of its one channel by then.
+TEST_F(Client, ThreadsThatCannotStartCostADeliveryOrTheObserve) {
+    if (!ThreadFault::available()) {
+        GTEST_SKIP() << "no thread fault under a sanitizer";
+    }
+    LogCapture log;
+    {
+        std::promise<void> go;
+        FakeService fake([&](int fd) {
+            recvRaw(fd), sendRaw(fd, kSuccess), go.get_future().wait();
+            sendRaw(fd, notifyText(1, "")), sendRaw(fd, notifyText(2, ""));
+            recvRaw(fd), sendRaw(fd, kExit), recvRaw(fd);
+        });
+        SocketOemPolicyCBClient channel(&app);
+        ASSERT_EQ(channel.observe(), 0);
+        ASSERT_TRUE(waitUntil([&] { return channel.isSameCallback(&app); }));
+        ThreadFault fault(1);
+        go.set_value();
+        ASSERT_TRUE(app.waitForCount(1));
+        EXPECT_EQ(fault.refused(), 1);
+        EXPECT_EQ(app.types(), std::vector<int>{2});
+        channel.dispose();
+    }
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR,
+                     "Client failed to start notify thread: Resource temporarily unavailable"));
+    std::atomic<bool> exitSent{false};
+    FakeService fake([&](int fd) {
+        recvRaw(fd), sendRaw(fd, kSuccess);
+        EXPECT_EQ(recvRaw(fd).bytes, kDispose);
+        sendRaw(fd, notifyText(3, ""));
+        exitSent = true;
+        sendRaw(fd, kExit);
+        closedByClient = recvRaw(fd).status == Packet::kClosed;
+    });
+    SocketOemQueryClient client;
+    ThreadFault fault(1);
+    EXPECT_EQ(client.observePolicyCallback(&app),
+              SocketOemPolicyCBClient::kReceiveThreadNotStarted);
+    EXPECT_TRUE(exitSent) << "observe() returned before the service ended the channel";
+    EXPECT_TRUE(waitUntil([&] { return closedByClient.load(); }));
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR,
+                     "Client failed to start receive thread: Resource temporarily unavailable"));
+    EXPECT_EQ(app.types(), std::vector<int>{2});
 }
 
 struct EndToEnd : Client {
@@ -195,6 +292,30 @@ TEST_F(EndToEnd, RunningChannelDestroyedWithoutDisposeWarnsDisposesAndWaits) {
     EXPECT_TRUE(log.contains(ANDROID_LOG_DEBUG, "Client receive exit cmd, will exit recv loop."));
     EXPECT_TRUE(service.waitForCallback(false));
     EXPECT_TRUE(app.types().empty());
+}
+
+// A forked child that disposes of (and deletes) its copy of an open channel
+// sends nothing and does not wait for a receive thread that exists only in
+// the parent; the parent's channel goes on delivering.
+TEST_F(EndToEnd, ForkedChildReleasesItsCopyAndTheParentsChannelGoesOn) {
+    ServiceRunner runner(service);
+    auto* channel = new SocketOemPolicyCBClient(&app);
+    ASSERT_EQ(channel->observe(), 0);
+    ASSERT_TRUE(waitUntil([&] { return channel->isSameCallback(&app); }));
+    const pid_t child = fork();
+    if (child == 0) {
+        channel->dispose();
+        delete channel;
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(service.report(7, "after the child"));
+    EXPECT_TRUE(app.waitForCount(1));
+    EXPECT_EQ(app.types(), std::vector<int>{7});
+    channel->dispose();
+    delete channel;
 }
 
 TEST_F(EndToEnd, SecondObserveIsRefusedAndCallbackIdentityHoldsOnlyWhileRunning) {

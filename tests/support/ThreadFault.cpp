@@ -13,7 +13,7 @@ std::atomic<int> gRefused{0};
 
 #if !defined(TALVOEM_NO_THREAD_FAULT)
 // Takes one failure from the budget; false when none is left.
-bool refuseOne() {
+[[maybe_unused]] bool refuseOne() {
     int left = gToRefuse.load();
     while (left > 0) {
         if (gToRefuse.compare_exchange_weak(left, left - 1)) {

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -124,9 +125,39 @@ size_t wmemMax() {
     return max;
 }
 
+// Two threads sending large messages on one descriptor, each raising the
+// buffer from the default at the same moment: neither may lower what the
+// other raised, so every send that fits the largest buffer succeeds and
+// arrives whole. A fresh pair per round, so each round starts from the default.
+TEST(Packet, ConcurrentLargeSendersOnOneDescriptorAllArriveWhole) {
+    const std::string texts[] = {std::string(std::min<size_t>(500000, 2 * wmemMax() - 64), 'a'),
+                                 std::string(213000, 'b')};
+    for (int round = 0; round < 1000; ++round) {
+        Pair pair;
+        std::atomic<int> ready{0};
+        auto send = [&](std::string text) {
+            for (++ready; ready < 2;) {
+                std::this_thread::yield();
+            }
+            EXPECT_EQ(sendMsg(pair.local, text), 0) << "round " << round;
+        };
+        std::thread first(send, texts[0]), second(send, texts[1]);
+        const std::string one = recvRaw(pair.peer).bytes, other = recvRaw(pair.peer).bytes;
+        first.join();
+        second.join();
+        ASSERT_TRUE((one == texts[0] && other == texts[1]) ||
+                    (one == texts[1] && other == texts[0]))
+            << "round " << round;
+    }
+}
+
 TEST(Packet, SendFailuresReturnTheirCodeAndLines) {
-    // Beyond what SO_SNDBUF may be raised to: the send fails as it always did.
+    // Beyond what SO_SNDBUF may be raised to: the send fails as it always did,
+    // and says once per process how large the packet was and what the limit is
+    // (the buffer asked for fits the receive limit, the kernel grants at most
+    // twice wmem_max, and 32 bytes of it are the kernel's).
     const std::string tooLong(2 * wmemMax() + 1, 'm');
+    const size_t sendLimit = std::min(2 * wmemMax(), 2 * (kReceiveLimit + 32)) - 32;
     const std::tuple<const char*, std::function<int(Pair&)>, std::string, int, std::vector<LogLine>>
         cases[] = {
             {"negative descriptor", [](Pair&) { return -1; }, "{}", -1, {kInvalidSend}},
@@ -146,7 +177,8 @@ TEST(Packet, SendFailuresReturnTheirCodeAndLines) {
              -3,
              {kSendFailed,
               {ANDROID_LOG_ERROR, "A " + std::to_string(tooLong.size()) +
-                                      "-byte packet exceeds the 1048608 bytes this socket can "
+                                      "-byte packet exceeds the " + std::to_string(sendLimit) +
+                                      " bytes this socket can "
                                       "send (its buffer fits the receive limit where "
                                       "net.core.wmem_max allows)"}}},
         };
@@ -159,6 +191,11 @@ TEST(Packet, SendFailuresReturnTheirCodeAndLines) {
         EXPECT_EQ(sendMsg(fd, sent), result);
         EXPECT_EQ(log.lines(), lines);
     }
+    Pair pair;
+    LogCapture log;
+    std::string again = tooLong;
+    EXPECT_EQ(sendMsg(pair.local, again), -3);
+    EXPECT_EQ(log.lines(), std::vector<LogLine>{kSendFailed}) << "the limit is told once";
 }
 
 TEST(Packet, CloseConnectionClosesOnlyValidDescriptors) {
