@@ -1,0 +1,40 @@
+#include "server/PeerCredentials.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+namespace talvoem::server {
+
+CallerCredentials readPeerCredentials(int fd) {
+    CallerCredentials caller;
+    ucred cred = {};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0 && len == sizeof(cred)) {
+        caller.pid = cred.pid;
+        caller.uid = cred.uid;
+        caller.gid = cred.gid;
+    }
+    return caller;
+}
+
+std::string readSecurityContext(int fd) {
+    // Contexts are short; a longer one is read again at the size the kernel
+    // asked for (ERANGE sets `len` to it).
+    std::string context(256, '\0');
+    socklen_t len = static_cast<socklen_t>(context.size());
+    int result = getsockopt(fd, SOL_SOCKET, SO_PEERSEC, context.data(), &len);
+    if (result != 0 && errno == ERANGE) {
+        context.resize(len);
+        result = getsockopt(fd, SOL_SOCKET, SO_PEERSEC, context.data(), &len);
+    }
+    if (result != 0) {
+        return std::string();
+    }
+    context.resize(len);
+    while (!context.empty() && context.back() == '\0') {
+        context.pop_back();
+    }
+    return context;
+}
+
+}  // namespace talvoem::server
