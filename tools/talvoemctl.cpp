@@ -1,69 +1,90 @@
 // talvoemctl — talks to the OEM Query Service from the command line.
 //
-//   talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json] [--verbose]
+//   talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--timeout SECONDS]
+//                    [--json] [--verbose]
 //   talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]
+//   talvoemctl --help | --version
+//
+// Nothing waits without bound: a query ends at its deadline, a watch's channel
+// request must be answered within kRegistrationWait and its dispose within
+// kDisposeWait, and SIGINT or SIGTERM ends either command at any stage.
 #include <android/log.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include "OemJsonUtils.h"
 #include "SocketOemQueryClient.h"
-#include "SocketTransport.h"
+#include "TalvoemPolicyQuery.h"
+#include "TalvoemProtocol.h"
+#include "Version.h"
 
 namespace {
 
 using Options = std::map<std::string, std::string>;
-constexpr uint16_t kTypeServiceLost = 100;
-// The longest packet the library's recvMsg takes whole (SocketTransport.h);
-// a longer one arrives cut to this length.
-constexpr size_t kReceiveLimit = 524288;
+using talvoem::QueryResult;
 
 // Exit statuses, one per way a command can fail; kept in step with the help
 // texts below and README.md's Tools table.
 enum Exit {
     kOk = 0,
-    kRefused = 1,      // the service answered with a code other than 0
-    kUsage = 2,        // bad command line
-    kNoService = 3,    // nothing listening on the socket
-    kNoAnswer = 4,     // the service closed the connection without an answer
-    kCut = 5,          // the answer was longer than the receive limit
-    kBadAnswer = 6,    // the answer was not an envelope, or held no policy document
-    kServiceLost = 7,  // watch: the service closed the channel
-    kTimedOut = 8,     // watch: the timeout came before N notifications
+    kRefused = 1,       // the service answered with a code other than 0
+    kUsage = 2,         // bad command line
+    kNoService = 3,     // nothing listening on the socket
+    kNoAnswer = 4,      // the service closed the connection without an answer
+    kCut = 5,           // the answer was longer than the receive limit
+    kBadAnswer = 6,     // the answer was not an envelope, or held no policy document
+    kServiceLost = 7,   // watch: the service closed the channel
+    kTimedOut = 8,      // a deadline passed first
+    kLocalFailure = 9,  // the request could not be made on this side
+    kSignalBase = 128,  // + the signal's number (130 SIGINT, 143 SIGTERM), as shells tell one
 };
 
+constexpr long kDefaultQuerySeconds =
+    std::chrono::duration_cast<std::chrono::seconds>(talvoem::kDefaultQueryTimeout).count();
+constexpr std::chrono::seconds kRegistrationWait{5};
+constexpr std::chrono::seconds kDisposeWait{5};
+
 const char* const kQueryHelp =
-    "usage: talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME] [--json]\n"
-    "                        [--verbose]\n"
+    "usage: talvoemctl query [--type N] [--op NAME] [--subsys NAME] [--func NAME]\n"
+    "                        [--timeout SECONDS] [--json] [--verbose]\n"
     "Asks the service for its policy document and prints it as a tree. With a selector\n"
     "(--op, --subsys, --func; an omitted level matches everything) only the matching part\n"
-    "is printed. --json prints the service's raw answer. --verbose shows the library's\n"
-    "log lines.\n"
+    "is printed. --json prints the service's raw answer. --timeout bounds the whole query\n"
+    "(default 5 s). --verbose shows the library's log lines.\n"
     "Exit status: 0 printed; 1 the service answered a code other than 0; 2 bad usage;\n"
     "3 no service listening; 4 the service closed the connection without an answer;\n"
     "5 the answer was longer than 524288 bytes and arrived cut; 6 the answer was not an\n"
-    "envelope or held no policy document.\n";
+    "envelope or held no policy document; 8 no answer before the timeout; 9 the query\n"
+    "could not be made here; 130/143 ended by SIGINT/SIGTERM.\n";
 const char* const kWatchHelp =
     "usage: talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]\n"
     "Opens a policy-callback channel and prints one timestamped line per notification\n"
-    "until N notifications, the timeout or Ctrl-C. --verbose shows the library's log\n"
-    "lines.\n"
-    "Exit status: 0 N notifications came, or the timeout or Ctrl-C ended a watch without\n"
-    "--count; 1 the service refused the channel; 2 bad usage; 3 no service listening;\n"
-    "4 the service closed the connection without an answer; 6 the answer was not an\n"
-    "envelope; 7 the service was lost; 8 the timeout came before N notifications.\n";
+    "until N notifications, the timeout, SIGINT (Ctrl-C) or SIGTERM. The service must\n"
+    "answer the channel request within 5 s. --verbose shows the library's log lines.\n"
+    "Exit status: 0 N notifications came, or the timeout or a signal ended a watch\n"
+    "without --count; 1 the service refused the channel; 2 bad usage; 3 no service\n"
+    "listening; 4 the service closed the connection without an answer; 6 the answer was\n"
+    "not an envelope; 7 the service was lost; 8 the channel request was not answered in\n"
+    "5 s, or the timeout came before N notifications; 9 the channel could not start\n"
+    "here; 130/143 SIGINT/SIGTERM ended it before it was open or before N notifications.\n";
 
-int usageError(const std::string& why, const char* help) {
-    fprintf(stderr, "talvoemctl: %s\n%s", why.c_str(), help);
+// One line, and where the whole story is.
+int usageError(const std::string& why, const std::string& command) {
+    fprintf(stderr, "talvoemctl: %s; see talvoemctl %s--help\n", why.c_str(),
+            command.empty() ? "" : (command + " ").c_str());
     return kUsage;
 }
 
@@ -89,10 +110,43 @@ bool parseOptions(int argc, char** argv, const std::string& valued, const std::s
     return true;
 }
 
-bool toNumber(const std::string& text, long max, long& value) {
+// Reads option `name` as a whole number from `min` to `max` into `value`,
+// which keeps its default when the option is absent.
+bool numberOption(const Options& options, const char* name, long min, long max, long& value) {
+    auto found = options.find(name);
+    if (found == options.end()) {
+        return true;
+    }
+    const std::string& text = found->second;
     char* end = nullptr;
     value = strtol(text.c_str(), &end, 10);
-    return !text.empty() && *end == '\0' && value >= 0 && value <= max;
+    return !text.empty() && *end == '\0' && value >= min && value <= max;
+}
+
+// SIGINT and SIGTERM are blocked in every thread (the library's threads
+// inherit the mask) and taken by one thread of ours in sigwait, which hands
+// each to `onSignal`: a blocking library call is never interrupted under its
+// caller, and the handling may lock and print.
+void takeSignals(std::function<void(int)> onSignal) {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    std::thread([stop, onSignal = std::move(onSignal)] {
+        for (int signal = 0;;) {
+            if (sigwait(&stop, &signal) == 0) {
+                onSignal(signal);
+            }
+        }
+    }).detach();
+}
+
+void printLine(const std::string& text) {
+    fputs(text.c_str(), stdout);
+    if (text.empty() || text.back() != '\n') {
+        fputc('\n', stdout);
+    }
 }
 
 void printTree(const std::vector<OemJsonUtils::QueryPolicy::Operate>& ops) {
@@ -108,74 +162,66 @@ void printTree(const std::vector<OemJsonUtils::QueryPolicy::Operate>& ops) {
     }
 }
 
-// One query over the library's transport; kOk with the raw answer in
-// `reply`, or the exit status of the failure, told on stderr.
-int exchange(const std::string& request, std::string& reply) {
-    int fd = establishConnection();
-    if (fd < 0) {
-        fprintf(stderr, "talvoemctl: no service is listening on /dev/socket/talvoem\n");
-        return kNoService;
+// Tells why a query brought no envelope; its exit status.
+int queryFailure(const talvoem::QueryAnswer& answer, long seconds) {
+    switch (answer.result) {
+        case QueryResult::kNoService:
+            fprintf(stderr, "talvoemctl: no service is listening on /dev/socket/talvoem\n");
+            return kNoService;
+        case QueryResult::kClosedWithoutAnswer:
+            fprintf(stderr, "talvoemctl: the service closed the connection without an answer\n");
+            return kNoAnswer;
+        case QueryResult::kTimedOut:
+            fprintf(stderr, "talvoemctl: no answer within %ld s\n", seconds);
+            return kTimedOut;
+        case QueryResult::kAnswerCut:
+            fprintf(stderr, "talvoemctl: the answer was longer than %zu bytes and arrived cut\n",
+                    talvoem::protocol::kReceiveLimit);
+            return kCut;
+        case QueryResult::kNotEnvelope:
+            fprintf(stderr, "talvoemctl: the answer (%zu bytes) is not an envelope\n",
+                    answer.text.size());
+            return kBadAnswer;
+        default:
+            fprintf(stderr, "talvoemctl: %s\n", talvoem::describe(answer.result));
+            return kLocalFailure;
     }
-    std::string text = request;
-    ssize_t length = -1;
-    if (sendMsg(fd, text) == 0) {
-        // recvMsg cannot tell a packet cut at its limit from one that fits
-        // it exactly; the peek tells the packet's real length.
-        length = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
-        if (length > 0 && recvMsg(fd, reply) <= 0) {
-            length = -1;
-        }
-    }
-    closeConnection(fd);
-    if (length <= 0) {
-        fprintf(stderr, "talvoemctl: the service closed the connection without an answer\n");
-        return kNoAnswer;
-    }
-    if (static_cast<size_t>(length) > kReceiveLimit) {
-        fprintf(stderr, "talvoemctl: the answer was cut at %zu of its %zd bytes\n", kReceiveLimit,
-                length);
-        return kCut;
-    }
-    return kOk;
 }
 
 int query(const Options& options) {
-    OemJsonUtils::QueryPolicy::Req req;
-    req.api = "queryPolicy";
-    long type = 0;
-    if (options.count("type") && !toNumber(options.at("type"), 65535, type)) {
-        return usageError("--type takes a number from 0 to 65535", kQueryHelp);
+    long type = 0, seconds = kDefaultQuerySeconds;
+    if (!numberOption(options, "type", 0, 65535, type)) {
+        return usageError("--type takes a number from 0 to 65535", "query");
     }
-    req.type = static_cast<uint16_t>(type);
+    if (!numberOption(options, "timeout", 1, 1000000, seconds)) {
+        return usageError("--timeout takes a positive number of seconds", "query");
+    }
     OemJsonUtils::QueryPolicy::Data selector;
     selector.op_name = options.count("op") ? options.at("op") : "";
     selector.subsys_name = options.count("subsys") ? options.at("subsys") : "";
     selector.func_name = options.count("func") ? options.at("func") : "";
+    std::string data;
     if (!selector.op_name.empty() || !selector.subsys_name.empty() || !selector.func_name.empty()) {
-        OemJsonUtils::QueryPolicy::toJson(selector, req.data);
+        OemJsonUtils::QueryPolicy::toJson(selector, data);
     }
-    std::string request, reply;
-    OemJsonUtils::QueryPolicy::toJson(req, request);
-    const int exchanged = exchange(request, reply);
-    if (exchanged != kOk) {
-        return exchanged;
-    }
-    OemJsonUtils::Resp resp;
-    if (OemJsonUtils::fromJson(reply, resp) != 0) {
-        fprintf(stderr, "talvoemctl: the answer (%zu bytes) is not an envelope\n", reply.size());
-        return kBadAnswer;
+    // Nothing to undo: an interrupted query just ends.
+    takeSignals([](int signal) { _exit(kSignalBase + signal); });
+    const talvoem::QueryAnswer answer =
+        talvoem::queryService(static_cast<uint16_t>(type), data, std::chrono::seconds(seconds));
+    if (answer.result != QueryResult::kAnswered) {
+        return queryFailure(answer, seconds);
     }
     if (options.count("json")) {
-        fputs(reply.c_str(), stdout);
+        printLine(answer.text);
     }
-    if (resp.code != 0) {
-        fprintf(stderr, "talvoemctl: the service answered code %d: %s\n", resp.code,
-                resp.msg.c_str());
+    if (answer.envelope.code != 0) {
+        fprintf(stderr, "talvoemctl: the service answered code %d: %s\n", answer.envelope.code,
+                answer.envelope.msg.c_str());
         return kRefused;
     }
     std::vector<OemJsonUtils::QueryPolicy::Operate> ops;
     if (!options.count("json")) {
-        if (OemJsonUtils::QueryPolicy::fromJson(resp.data, ops) != 0) {
+        if (OemJsonUtils::QueryPolicy::fromJson(answer.envelope.data, ops) != 0) {
             fprintf(stderr, "talvoemctl: the answer holds no policy document\n");
             return kBadAnswer;
         }
@@ -184,36 +230,75 @@ int query(const Options& options) {
     return kOk;
 }
 
-// Prints each notification and counts them for the waiting main thread.
-class Printer : public IOemPolicyCB {
+// One watch: prints each notification and tells the main thread how the
+// watch stands.
+//
+// Threads: deliveries come on the library's detached notify threads; the
+// channel request and the dispose run on threads of their own, one after the
+// other; a signal comes from the signal thread; the main thread waits on
+// `changed`. `mutex` guards every member below it, and stdout while the
+// watch runs, so lines never mix.
+//
+// Never deleted: a delivery may come after the channel is disposed of, up to
+// the end of the process, so the watch outlives every thread that can call it.
+// Once `closed` a delivery prints and counts nothing, so exactly N lines are
+// printed whatever arrives during the dispose.
+class Watch : public IOemPolicyCB {
 public:
+    static constexpr int kPending = -1000;   // observePolicyCallback has not returned
+    static constexpr int kNoThread = -1001;  // its receive thread could not start
+
+    explicit Watch(long wanted) : wanted(wanted) {}
+
     void onPolicyChanged(uint16_t type, std::string*) override {
-        timespec now;
-        clock_gettime(CLOCK_REALTIME, &now);
-        // Deliveries run on threads of their own: format under the lock.
         std::lock_guard<std::mutex> lock(mutex);
-        tm local;
-        char stamp[32];
-        strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&now.tv_sec, &local));
-        if (type == kTypeServiceLost) {
-            printf("[%s.%03ld] service lost\n", stamp, now.tv_nsec / 1000000);
-            lost = true;
-        } else {
-            printf("[%s.%03ld] policy changed (type %u)\n", stamp, now.tv_nsec / 1000000, type);
-            ++count;
+        if (closed) {
+            return;
         }
-        fflush(stdout);
+        if (type == talvoem::protocol::kTypeConnectionLost) {
+            stamp("service lost");
+            lost = closed = true;
+        } else {
+            stamp("policy changed (type " + std::to_string(type) + ")");
+            closed = ++count == wanted;
+        }
         changed.notify_all();
     }
+
+    void interrupt(int signal) {
+        std::lock_guard<std::mutex> lock(mutex);
+        lastSignal = signal;
+        ++signals;
+        changed.notify_all();
+    }
+
+    const long wanted;  // 0: no limit
+    // Used by one thread at a time: the request's, then the dispose's.
+    SocketOemQueryClient client;
     std::mutex mutex;
     std::condition_variable changed;
     long count = 0;
     bool lost = false;
+    bool closed = false;
+    int opened = kPending;
+    bool disposed = false;
+    int signals = 0;
+    int lastSignal = 0;
+
+private:
+    static void stamp(const std::string& what) {
+        timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        tm local;
+        char stamp[32];
+        strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&now.tv_sec, &local));
+        printf("[%s.%03ld] %s\n", stamp, now.tv_nsec / 1000000, what.c_str());
+        fflush(stdout);
+    }
 };
 
-volatile sig_atomic_t interrupted = 0;
-
-// Tells why observePolicyCallback failed (its codes: SocketOemPolicyCBClient.h).
+// Tells why the channel did not open (observePolicyCallback's codes:
+// SocketOemPolicyCBClient.h); its exit status.
 int channelFailure(int code) {
     switch (code) {
         case 1:
@@ -226,54 +311,117 @@ int channelFailure(int code) {
         case 4:
             fprintf(stderr, "talvoemctl: the answer to the channel request is not an envelope\n");
             return kBadAnswer;
+        case Watch::kNoThread:
+            fprintf(stderr, "talvoemctl: the channel's receive thread could not start\n");
+            return kLocalFailure;
+        case talvoem::protocol::kCodeFailed:
+            fprintf(stderr,
+                    "talvoemctl: the service refused the channel (code -1): the service already "
+                    "serves a watcher, one at a time, or refused it\n");
+            return kRefused;
         default:
             fprintf(stderr, "talvoemctl: the service refused the channel (code %d)\n", code);
             return kRefused;
     }
 }
 
-int watch(const Options& options) {
-    long wanted = 0, seconds = 0;
-    if (options.count("count") && !toNumber(options.at("count"), 1000000000, wanted)) {
-        return usageError("--count takes a positive number", kWatchHelp);
+void openChannel(Watch& w) {
+    int opened;
+    try {
+        opened = w.client.observePolicyCallback(&w);
+    } catch (const std::system_error&) {
+        opened = Watch::kNoThread;
     }
-    if (options.count("timeout") && !toNumber(options.at("timeout"), 1000000, seconds)) {
-        return usageError("--timeout takes a number of seconds", kWatchHelp);
+    std::lock_guard<std::mutex> lock(w.mutex);
+    w.opened = opened;
+    w.changed.notify_all();
+}
+
+// How an open watch ended, told on stderr; its exit status. The caller holds
+// w.mutex.
+int outcome(const Watch& w) {
+    if (w.wanted > 0 && w.count >= w.wanted) {
+        return kOk;
     }
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGINT, [](int) { interrupted = 1; });
-    signal(SIGTERM, [](int) { interrupted = 1; });
-    static Printer printer;  // outlives every delivery thread
-    SocketOemQueryClient client;
-    const int opened = client.observePolicyCallback(&printer);
-    if (opened != 0) {
-        return channelFailure(opened);
-    }
-    printf("watching for policy changes\n");
-    fflush(stdout);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    bool lost, timedOut;
-    long seen;
-    {
-        std::unique_lock<std::mutex> lock(printer.mutex);
-        while (!interrupted && !printer.lost && (wanted == 0 || printer.count < wanted) &&
-               (seconds == 0 || std::chrono::steady_clock::now() < deadline)) {
-            printer.changed.wait_for(lock, std::chrono::milliseconds(100));
-        }
-        lost = printer.lost;
-        seen = printer.count;
-        timedOut = !interrupted && !lost && wanted > 0 && seen < wanted;
-    }
-    client.disposePolicyCallback();
-    if (lost) {
-        fprintf(stderr, "talvoemctl: the service was lost after %ld notifications\n", seen);
+    if (w.lost) {
+        fprintf(stderr, "talvoemctl: the service was lost after %ld notifications\n", w.count);
         return kServiceLost;
     }
-    if (timedOut) {
-        fprintf(stderr, "talvoemctl: timed out after %ld of %ld notifications\n", seen, wanted);
+    if (w.signals > 0) {
+        return w.wanted > 0 ? kSignalBase + w.lastSignal : kOk;
+    }
+    if (w.wanted > 0) {
+        fprintf(stderr, "talvoemctl: timed out after %ld of %ld notifications\n", w.count,
+                w.wanted);
         return kTimedOut;
     }
     return kOk;
+}
+
+// Ends the channel, waiting up to kDisposeWait or another signal. A service
+// that does not end it in time is left to the end of the process, which
+// closes the connection all the same.
+void closeChannel(Watch& w, std::unique_lock<std::mutex>& lock) {
+    const int signals = w.signals;
+    lock.unlock();
+    std::thread([&w] {
+        w.client.disposePolicyCallback();
+        std::lock_guard<std::mutex> disposed(w.mutex);
+        w.disposed = true;
+        w.changed.notify_all();
+    }).detach();
+    lock.lock();
+    w.changed.wait_for(lock, kDisposeWait, [&] { return w.disposed || w.signals > signals; });
+}
+
+// The watch from its channel request to its end; the exit status.
+int runWatch(Watch& w, long seconds) {
+    std::thread(openChannel, std::ref(w)).detach();
+    std::unique_lock<std::mutex> lock(w.mutex);
+    w.changed.wait_for(lock, kRegistrationWait,
+                       [&] { return w.signals > 0 || w.opened != Watch::kPending; });
+    if (w.signals > 0) {
+        return kSignalBase + w.lastSignal;
+    }
+    if (w.opened == Watch::kPending) {
+        fprintf(stderr,
+                "talvoemctl: the service did not answer the channel request within %lld s\n",
+                static_cast<long long>(kRegistrationWait.count()));
+        return kTimedOut;
+    }
+    if (w.opened != 0) {
+        return channelFailure(w.opened);
+    }
+    printf("watching for policy changes\n");
+    fflush(stdout);
+    auto ended = [&] { return w.closed || w.signals > 0; };
+    if (seconds > 0) {
+        w.changed.wait_for(lock, std::chrono::seconds(seconds), ended);
+    } else {
+        w.changed.wait(lock, ended);
+    }
+    w.closed = true;
+    const int status = outcome(w);
+    closeChannel(w, lock);
+    return status;
+}
+
+int watch(const Options& options) {
+    long wanted = 0, seconds = 0;
+    if (!numberOption(options, "count", 1, 1000000000, wanted)) {
+        return usageError("--count takes a positive number", "watch");
+    }
+    if (!numberOption(options, "timeout", 1, 1000000, seconds)) {
+        return usageError("--timeout takes a positive number of seconds", "watch");
+    }
+    signal(SIGPIPE, SIG_IGN);
+    Watch& w = *new Watch(wanted);  // never deleted (see Watch)
+    takeSignals([&w](int signal) { w.interrupt(signal); });
+    const int status = runWatch(w, seconds);
+    // Threads of the library may still run (a request never answered, a late
+    // delivery): the process ends here, without running destructors under them.
+    fflush(nullptr);
+    _exit(status);
 }
 
 }  // namespace
@@ -283,27 +431,29 @@ int main(int argc, char** argv) {
     if (command == "--help" || command == "-h" || command == "help") {
         printf("usage: talvoemctl query|watch [options]   (talvoemctl COMMAND --help)\n%s%s",
                kQueryHelp, kWatchHelp);
-        return 0;
+        return kOk;
+    }
+    if (command == "--version") {
+        printf("talvoemctl %s\n", kTalvoemVersion);
+        return kOk;
     }
     if (command != "query" && command != "watch") {
-        return usageError(command.empty() ? "missing command" : "unknown command " + command,
-                          "usage: talvoemctl query|watch [options]   (talvoemctl --help)\n");
+        return usageError(command.empty() ? "missing command" : "unknown command " + command, "");
     }
-    const char* help = command == "query" ? kQueryHelp : kWatchHelp;
     for (int i = 2; i < argc; ++i) {
         if (std::string(argv[i]) == "--help") {
-            fputs(help, stdout);
-            return 0;
+            fputs(command == "query" ? kQueryHelp : kWatchHelp, stdout);
+            return kOk;
         }
     }
     Options options;
     std::string error;
-    bool parsed =
-        command == "query"
-            ? parseOptions(argc, argv, " type op subsys func ", " json verbose ", options, error)
-            : parseOptions(argc, argv, " count timeout ", " verbose ", options, error);
+    bool parsed = command == "query"
+                      ? parseOptions(argc, argv, " type op subsys func timeout ", " json verbose ",
+                                     options, error)
+                      : parseOptions(argc, argv, " count timeout ", " verbose ", options, error);
     if (!parsed) {
-        return usageError(error, help);
+        return usageError(error, command);
     }
     // The library logs every connection attempt; a failure is told in one
     // line of our own unless the user asks for the detail.

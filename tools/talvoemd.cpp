@@ -5,57 +5,48 @@
 // Serves the policy document in POLICY.json on the control socket "talvoem"
 // (run it under init, or under talvoem-launcher on a host). Queries are
 // answered from an immutable snapshot of the document. The file's folder is
-// watched with inotify; when the file is written or renamed into place and
-// still decodes, the snapshot is swapped and the live policy-callback channel
-// is notified (type 1). A change that does not decode keeps the previous
-// document. An answer longer than a client can receive is replaced by an
-// envelope with code 3.
+// watched with inotify; when the file is written or renamed into place, still
+// reads (PolicyFile.h) and decodes to a different document, the snapshot is
+// swapped and the live policy-callback channel is told (type 1) by a reporter
+// thread of its own. A change that does not read keeps the previous document,
+// and so does a file deleted or renamed away. An answer longer than the
+// connection can carry is replaced by an envelope with code 3.
 #include <android/log.h>
 #include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <fstream>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "OemJsonUtils.h"
+#include "PolicyFile.h"
 #include "PolicySelection.h"
 #include "SocketOemQueryServer.h"
+#include "TalvoemConnection.h"
+#include "TalvoemProtocol.h"
+#include "Version.h"
 
 namespace {
 
-using Policy = std::vector<OemJsonUtils::QueryPolicy::Operate>;
+using talvoem::protocol::kReceiveLimit;
 constexpr const char* kTag = "talvoemd";
+// The type of talvoemd's one notification, and its own answer codes.
 constexpr uint16_t kTypePolicyChanged = 1;
-// The longest packet a client's recvMsg takes whole (SocketTransport.h).
-constexpr size_t kReceiveLimit = 524288;
 constexpr int32_t kCodeNoMatch = 1;
 constexpr int32_t kCodeNotSelector = 2;
 constexpr int32_t kCodeTooLong = 3;
-
-// Reads and decodes a policy file; an empty string on success, else why not.
-std::string loadPolicy(const std::string& path, Policy& policy) {
-    std::ifstream file(path);
-    if (!file) {
-        return "cannot open the file";
-    }
-    std::stringstream text;
-    text << file.rdbuf();
-    if (OemJsonUtils::QueryPolicy::fromJson(text.str(), policy) != 0) {
-        return "not a policy document";
-    }
-    return "";
-}
 
 std::string envelope(int32_t code, const std::string& msg, const std::string& data = "") {
     OemJsonUtils::Resp resp{code, msg, data};
@@ -64,16 +55,25 @@ std::string envelope(int32_t code, const std::string& msg, const std::string& da
     return text;
 }
 
-std::string answerWith(const Policy& policy) {
+std::string encode(const Policy& policy) {
     std::string document;
     OemJsonUtils::QueryPolicy::toJson(policy, document);
-    return envelope(0, "success", document);
+    return document;
 }
 
+// What queries are answered from: a document and its text, never changed
+// once shared.
+struct Snapshot {
+    explicit Snapshot(Policy read) : policy(std::move(read)), document(encode(policy)) {}
+    const Policy policy;
+    const std::string document;
+};
+
 // A document can be loaded that no client could receive whole; the service
-// still serves the parts a selector narrows it to.
-void warnIfTooLong(const std::string& path, const Policy& policy) {
-    const size_t length = answerWith(policy).size();
+// still serves the parts a selector narrows it to. Judged by the receive
+// limit: what a connection can send is known only once a client connects.
+void warnIfTooLong(const std::string& path, const Snapshot& snapshot) {
+    const size_t length = envelope(0, "success", snapshot.document).size();
     if (length > kReceiveLimit) {
         __android_log_print(ANDROID_LOG_WARN, kTag,
                             "the whole policy in %s makes a %zu-byte answer, above the %zu bytes "
@@ -81,6 +81,55 @@ void warnIfTooLong(const std::string& path, const Policy& policy) {
                             path.c_str(), length, kReceiveLimit, kCodeTooLong);
     }
 }
+
+// Reports policy changes to the live channel from a thread of its own, so the
+// reload path never waits for a channel: the library's sender sends under its
+// lock, and a watcher that stops reading holds that send (and every report
+// after it) until the watcher reads again or its process ends. Changes made
+// while a report waits coalesce into one pending report.
+//
+// Threads: changed() from the reload thread, setChannel() from the library's
+// connection threads, run() on the reporter thread.
+// Locks: pendingMutex_ guards pending_. channelMutex_ guards channel_ and is
+// held across the channel's onPolicyChanged, so the library's
+// setChannel(nullptr) waits for a report in progress before it deletes the
+// callback. The two are never held together.
+class ChangeReporter {
+public:
+    void changed() {
+        {
+            std::lock_guard<std::mutex> lock(pendingMutex_);
+            pending_ = true;
+        }
+        wake_.notify_one();
+    }
+
+    void setChannel(IOemPolicyCB* channel) {
+        std::lock_guard<std::mutex> lock(channelMutex_);
+        channel_ = channel;
+    }
+
+    void run() {
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(pendingMutex_);
+                wake_.wait(lock, [this] { return pending_; });
+                pending_ = false;
+            }
+            std::lock_guard<std::mutex> lock(channelMutex_);
+            if (channel_ != nullptr) {
+                channel_->onPolicyChanged(kTypePolicyChanged, nullptr);
+            }
+        }
+    }
+
+private:
+    std::mutex pendingMutex_;
+    std::condition_variable wake_;
+    bool pending_ = false;
+    std::mutex channelMutex_;
+    IOemPolicyCB* channel_ = nullptr;
+};
 
 // Forwards the service's change reports to the channel it was made for.
 class ChannelCallback : public IOemPolicyCB {
@@ -102,58 +151,62 @@ public:
 };
 
 // Threads: queries arrive on many connection threads and read the snapshot
-// without a lock (atomic shared_ptr); the watcher swaps it. callbackMutex_
-// guards the live channel's callback, so it is never used after the server
-// withdraws it.
+// without a lock (atomic shared_ptr); the reload thread swaps it, and only it
+// does. Changes reach the channel through the reporter, never from here.
 class PolicyService : public SocketOemQueryServer {
 public:
-    PolicyService(IOemPolicyCBFactory* factory, std::shared_ptr<const Policy> policy)
-        : SocketOemQueryServer(factory), policy_(std::move(policy)) {}
+    PolicyService(IOemPolicyCBFactory* factory, std::shared_ptr<const Snapshot> snapshot,
+                  ChangeReporter& reporter)
+        : SocketOemQueryServer(factory), snapshot_(std::move(snapshot)), reporter_(reporter) {}
 
     int8_t queryPolicy(uint16_t, const std::string& data, std::string* result) override {
-        std::shared_ptr<const Policy> policy = std::atomic_load(&policy_);
+        std::shared_ptr<const Snapshot> snapshot = std::atomic_load(&snapshot_);
         OemJsonUtils::QueryPolicy::Data selector;
         if (!data.empty() && OemJsonUtils::QueryPolicy::fromJson(data, selector) != 0) {
             *result = envelope(kCodeNotSelector, "The query data is not a selector.");
             return 0;
         }
-        Policy selected = selectPolicy(*policy, selector);
-        if (selected.empty() && !data.empty()) {
-            *result = envelope(kCodeNoMatch, "No policy matches the selector.");
-            return 0;
+        if (data.empty()) {
+            *result = envelope(0, "success", snapshot->document);
+        } else {
+            Policy selected = selectPolicy(snapshot->policy, selector);
+            *result = selected.empty() ? envelope(kCodeNoMatch, "No policy matches the selector.")
+                                       : envelope(0, "success", encode(selected));
         }
-        *result = answerWith(selected);
-        // Sent as it is, the answer would reach the client cut short: a
-        // refusal it can read is better than a document it cannot.
-        if (result->size() > kReceiveLimit) {
+        // A longer answer would not go out at all (or arrive cut): a refusal
+        // the client can read is better than a document it cannot.
+        const size_t limit = talvoem::currentSendLimit();
+        if (result->size() > limit) {
             __android_log_print(ANDROID_LOG_WARN, kTag,
-                                "refused a %zu-byte answer, above the %zu-byte receive limit",
-                                result->size(), kReceiveLimit);
-            *result = envelope(kCodeTooLong,
-                               "The answer exceeds the 524288 bytes a client can receive; "
-                               "narrow the selector.");
+                                "refused a %zu-byte answer, above the %zu bytes this connection "
+                                "can carry",
+                                result->size(), limit);
+            *result = envelope(kCodeTooLong, "The answer exceeds the " + std::to_string(limit) +
+                                                 " bytes a client can receive; narrow the "
+                                                 "selector.");
         }
         return 0;
     }
 
     int8_t setPolicyCallback(IOemPolicyCB* cb) override {
-        std::lock_guard<std::mutex> lock(callbackMutex_);
-        callback_ = cb;
+        reporter_.setChannel(cb);
         return 0;
     }
 
-    void replacePolicy(std::shared_ptr<const Policy> policy) {
-        std::atomic_store(&policy_, std::move(policy));
-        std::lock_guard<std::mutex> lock(callbackMutex_);
-        if (callback_ != nullptr) {
-            callback_->onPolicyChanged(kTypePolicyChanged, nullptr);
+    // Swaps in `snapshot` and has the change reported; false, keeping the
+    // current one, when it holds the same document.
+    bool replace(std::shared_ptr<const Snapshot> snapshot) {
+        if (snapshot->document == std::atomic_load(&snapshot_)->document) {
+            return false;
         }
+        std::atomic_store(&snapshot_, std::move(snapshot));
+        reporter_.changed();
+        return true;
     }
 
 private:
-    std::shared_ptr<const Policy> policy_;
-    std::mutex callbackMutex_;
-    IOemPolicyCB* callback_ = nullptr;
+    std::shared_ptr<const Snapshot> snapshot_;
+    ChangeReporter& reporter_;
 };
 
 // Watches the folder that holds the policy file rather than the file itself:
@@ -173,8 +226,8 @@ FolderWatch watchFolderOf(const std::string& path) {
     FolderWatch watch;
     watch.name = slash == std::string::npos ? path : path.substr(slash + 1);
     watch.fd = inotify_init1(IN_CLOEXEC);
-    if (watch.fd >= 0 &&
-        inotify_add_watch(watch.fd, folder.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+    const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
+    if (watch.fd >= 0 && inotify_add_watch(watch.fd, folder.c_str(), events) < 0) {
         const int err = errno;
         close(watch.fd);
         watch.fd = -1;
@@ -183,25 +236,45 @@ FolderWatch watchFolderOf(const std::string& path) {
     return watch;
 }
 
-void reloadPolicy(const std::string& path, PolicyService& service) {
-    auto policy = std::make_shared<Policy>();
-    std::string error = loadPolicy(path, *policy);
+// Runs on the reload thread only. `gone` remembers that the file's absence
+// was logged, so it is logged once until the file comes back.
+void reloadPolicy(const std::string& path, PolicyService& service, bool& gone) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        if (!gone) {
+            __android_log_print(ANDROID_LOG_WARN, kTag,
+                                "policy file %s was deleted or renamed away; keeping the current "
+                                "policy until it comes back",
+                                path.c_str());
+        }
+        gone = true;
+        return;
+    }
+    gone = false;
+    Policy policy;
+    std::string error = readPolicyFile(path, policy);
     if (!error.empty()) {
         __android_log_print(ANDROID_LOG_WARN, kTag,
                             "policy file %s changed but %s; keeping the previous policy",
                             path.c_str(), error.c_str());
         return;
     }
+    auto snapshot = std::make_shared<const Snapshot>(std::move(policy));
     // Logged once swapped in, so whoever reads the line is served the new document.
-    service.replacePolicy(policy);
+    if (!service.replace(snapshot)) {
+        __android_log_print(ANDROID_LOG_INFO, kTag, "policy file %s rewritten with no change",
+                            path.c_str());
+        return;
+    }
     __android_log_print(ANDROID_LOG_INFO, kTag, "policy reloaded from %s", path.c_str());
-    warnIfTooLong(path, *policy);
+    warnIfTooLong(path, *snapshot);
 }
 
 // Reloads once per batch of events that names the file. An overflowed event
 // queue may have lost such an event, so it reloads too.
 void followPolicy(FolderWatch watch, const std::string& path, PolicyService& service) {
     std::vector<char> buffer(64 * (sizeof(inotify_event) + NAME_MAX + 1));
+    bool gone = false;
     for (;;) {
         const ssize_t n = read(watch.fd, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR) {
@@ -224,7 +297,7 @@ void followPolicy(FolderWatch watch, const std::string& path, PolicyService& ser
             at += static_cast<ssize_t>(sizeof(event) + event.len);
         }
         if (changed) {
-            reloadPolicy(path, service);
+            reloadPolicy(path, service, gone);
         }
         if (folderGone) {
             __android_log_print(ANDROID_LOG_ERROR, kTag,
@@ -235,17 +308,53 @@ void followPolicy(FolderWatch watch, const std::string& path, PolicyService& ser
     }
 }
 
+const char* const kHelp =
+    "usage: talvoemd POLICY.json\n"
+    "       talvoemd --help | --version\n"
+    "Serves the policy document in POLICY.json on /dev/socket/talvoem (control\n"
+    "socket \"talvoem\", handed over by init or talvoem-launcher) and notifies the\n"
+    "policy-callback channel when the file changes. The file is refused above\n"
+    "4194304 bytes, with bytes after the document, or with a name twice at one level.\n"
+    "Exit status: 0 stopped by SIGINT or SIGTERM; 1 the policy file did not load,\n"
+    "no control socket was handed over, or the listener failed; 2 bad usage.\n";
+
+// The command line's answer (help, version, a usage error), or -1 to run.
+int commandLine(int argc, char** argv) {
+    const std::string arg = argc > 1 ? argv[1] : "";
+    if (argc == 2 && (arg == "--help" || arg == "-h")) {
+        fputs(kHelp, stdout);
+        return 0;
+    }
+    if (argc == 2 && arg == "--version") {
+        printf("talvoemd %s\n", kTalvoemVersion);
+        return 0;
+    }
+    if (argc != 2 || (arg.size() > 1 && arg[0] == '-')) {
+        fprintf(stderr, "talvoemd: %s; see talvoemd --help\n",
+                argc != 2 ? "expects one policy file" : ("unknown option " + arg).c_str());
+        return 2;
+    }
+    return -1;
+}
+
+// Init hands the control socket over in ANDROID_SOCKET_talvoem; without it the
+// listener could only fail.
+bool haveControlSocket() {
+    if (getenv("ANDROID_SOCKET_talvoem") != nullptr) {
+        return true;
+    }
+    fprintf(stderr,
+            "talvoemd: no control socket \"talvoem\" was handed over (ANDROID_SOCKET_talvoem is "
+            "unset); run it under talvoem-launcher, or from init with a \"socket talvoem "
+            "seqpacket\" line\n");
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2 || std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h") {
-        bool help = argc == 2;
-        fprintf(help ? stdout : stderr,
-                "usage: talvoemd POLICY.json\n"
-                "Serves the policy document in POLICY.json on /dev/socket/talvoem (control\n"
-                "socket \"talvoem\", handed over by init or talvoem-launcher) and notifies\n"
-                "policy-callback channels when the file changes.\n");
-        return help ? 0 : 2;
+    if (int answered = commandLine(argc, argv); answered >= 0) {
+        return answered;
     }
     const std::string path = argv[1];
     // Watching starts before the first load, so an edit between the two is
@@ -256,41 +365,49 @@ int main(int argc, char** argv) {
                 strerror(errno));
         return 1;
     }
-    auto policy = std::make_shared<Policy>();
-    std::string error = loadPolicy(path, *policy);
+    Policy policy;
+    std::string error = readPolicyFile(path, policy);
     if (!error.empty()) {
         fprintf(stderr, "talvoemd: cannot load %s: %s\n", path.c_str(), error.c_str());
         return 1;
     }
-    warnIfTooLong(path, *policy);
+    if (!haveControlSocket()) {
+        return 1;
+    }
+    auto snapshot = std::make_shared<const Snapshot>(std::move(policy));
+    warnIfTooLong(path, *snapshot);
     // SIGPIPE ignored: a client that goes away must not take the service down.
-    // SIGINT/SIGTERM are blocked here, so every thread inherits the mask and
-    // only the main thread takes them, in sigwait.
+    // SIGINT/SIGTERM (and SIGUSR1, the listener's end) are blocked here, so
+    // every thread inherits the mask and only the main thread takes them, in
+    // sigwait.
     signal(SIGPIPE, SIG_IGN);
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     static ChannelFactory factory;
-    static PolicyService service(&factory, policy);
-    static std::atomic<bool> listenerFailed{false};
+    static ChangeReporter reporter;
+    static PolicyService service(&factory, snapshot, reporter);
+    std::thread([] { reporter.run(); }).detach();
     std::thread([] {
         int8_t status = service.init();
         __android_log_print(ANDROID_LOG_ERROR, kTag, "listener ended (%d)", status);
-        listenerFailed = true;
-        kill(getpid(), SIGTERM);
+        kill(getpid(), SIGUSR1);
     }).detach();
     std::thread(followPolicy, watch, path, std::ref(service)).detach();
-    __android_log_print(ANDROID_LOG_INFO, kTag, "serving %zu operations from %s", policy->size(),
-                        path.c_str());
+    __android_log_print(ANDROID_LOG_INFO, kTag, "serving %zu operations from %s",
+                        snapshot->policy.size(), path.c_str());
 
     int signal = 0;
     sigwait(&stop, &signal);
-    __android_log_print(ANDROID_LOG_INFO, kTag, "stopping on signal %d", signal);
+    if (signal != SIGUSR1) {
+        __android_log_print(ANDROID_LOG_INFO, kTag, "stopping on signal %d", signal);
+    }
     // Connection threads are detached and use the service until they end, so
     // the process ends here rather than destroying the service under them.
     fflush(nullptr);
-    _exit(listenerFailed ? 1 : 0);
+    _exit(signal == SIGUSR1 ? 1 : 0);
 }

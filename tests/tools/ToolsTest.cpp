@@ -1,6 +1,7 @@
 // The launcher, talvoemd and talvoemctl run as programs, for what scripts/demo does not show.
 // Scratch files live in the test's private tmpfs on /dev/socket, which goes with its namespace.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -109,17 +110,38 @@ TEST(LauncherTest, BindsTheSocketWithMode0660InAPrivateNamespace) {
     EXPECT_NE(0, access(kServicePath, F_OK)) << "the caller's /dev/socket was touched";
 }
 
-TEST(TalvoemdTest, RefusesAPolicyFileThatDoesNotLoad) {
-    const std::pair<const char*, std::string> rows[] = {
-        {nullptr, "cannot open the file"}, {"[{\"subsyss\": 42}]", "not a policy document"}};
-    for (const auto& [content, why] : rows) {
+TEST(TalvoemdTest, RefusesACommandLineOrAPolicyFileItCannotServe) {
+    const std::string load = "talvoemd: cannot load " + kPolicyFile + ": ", deep(1100, '[');
+    // talvoemd's argument (the policy file when empty), the file's content (null: no file),
+    // exit status, stdout and stderr; run without a control socket.
+    const std::tuple<std::string, const char*, int, std::string, std::string> rows[] = {
+        {"", nullptr, 1, "", load + "cannot open the file\n"},
+        {"", "[{\"subsyss\": 42}]", 1, "", load + "not a policy document\n"},
+        {"/dev/zero", nullptr, 1, "",
+         "talvoemd: cannot load /dev/zero: the file is larger than the 4194304-byte limit\n"},
+        {"", "[{\"name\":\"a\"}] trailing", 1, "",
+         load + "line 1, column 16: bytes after the document\n"},
+        {"", "[\n {\"name\" \"a\"}]", 1, "",
+         load + "line 2, column 10: Missing ':' after object member name\n"},
+        {"", deep.c_str(), 1, "", load + "line 1, column 65: nested deeper than 64 levels\n"},
+        {"", "[{\"name\":\"a\",\"subsyss\":[{\"name\":\"s\"},{\"name\":\"s\"}]}]", 1, "",
+         load + "subsystem \"s\" appears twice in operation \"a\"\n"},
+        {"", "[] // no operations yet", 1, "",
+         "talvoemd: no control socket \"talvoem\" was handed over (ANDROID_SOCKET_talvoem is "
+         "unset); run it under talvoem-launcher, or from init with a \"socket talvoem seqpacket\" "
+         "line\n"},
+        {"--version", nullptr, 0, "talvoemd " TALVOEM_VERSION "\n", ""},
+        {"--verbose", nullptr, 2, "", "talvoemd: unknown option --verbose; see talvoemd --help\n"},
+    };
+    for (const auto& [arg, content, status, out, err] : rows) {
         std::remove(kPolicyFile.c_str());
         if (content != nullptr) {
             edit(content);
         }
-        Child ran(kService + " " + kPolicyFile);
-        EXPECT_EQ(1, ran.wait());
-        EXPECT_EQ("talvoemd: cannot load " + kPolicyFile + ": " + why + "\n", ran.out(".err"));
+        Child ran(kService + " " + (arg.empty() ? kPolicyFile : arg));
+        EXPECT_EQ(status, ran.wait()) << err;
+        EXPECT_EQ(out, ran.out());
+        EXPECT_EQ(err, ran.out(".err"));
     }
 }
 
@@ -140,21 +162,52 @@ TEST(TalvoemdTest, SelectorsNarrowTheAnswer) {
     EXPECT_EQ(envelopeText(2, "The query data is not a selector."), roundTrip(queryText(0, "x")));
 }
 
-TEST(TalvoemdTest, AWatcherHearsOfRenamesAndInPlaceWritesNotOfABadEditAndOfTheServiceLost) {
+TEST(TalvoemdTest, AWatcherHearsOfEachNewDocumentOnlyAndOfTheServiceLost) {
     auto service = startService(kPolicy);
     Child watch(kCtl + " watch");
     ASSERT_TRUE(waitUntil([&] { return !watch.out().empty(); }, kLong));
+    auto logged = [&](const char* line) { return countOf(service->out(".err"), line); };
     edit("[{\"subsyss\": 42}]", false);
-    ASSERT_TRUE(waitUntil([&] { return countOf(service->out(".err"), "keeping the") == 1; }));
-    const std::vector<Operate> edits[] = {{kPolicy[1]}, {kPolicy[0]}};
-    for (size_t n = 1; n <= 2; ++n) {
-        edit(doc(edits[n - 1]), n == 1);
+    ASSERT_TRUE(waitUntil([&] { return logged("keeping the") == 1; }));
+    const std::vector<Operate> edits[] = {{kPolicy[1]}, {kPolicy[0]}, {kPolicy[1]}};
+    for (size_t n = 1; n <= 3; ++n) {
+        if (n == 3) {
+            // The same document written again, then the file deleted: nothing to report, and the
+            // document is kept until the file comes back.
+            edit(doc(edits[1]), false);
+            ASSERT_TRUE(waitUntil([&] { return logged("rewritten with no change") == 1; }, kLong));
+            std::remove(kPolicyFile.c_str());
+            ASSERT_TRUE(waitUntil([&] { return logged("deleted or renamed away") == 1; }, kLong));
+            EXPECT_EQ(answer(edits[1]), roundTrip(queryText(0, "")));
+        }
+        edit(doc(edits[n - 1]), n != 2);
         EXPECT_TRUE(waitUntil([&] { return countOf(watch.out(), "policy changed") == n; }, kLong));
         EXPECT_EQ(answer(edits[n - 1]), roundTrip(queryText(0, "")));
     }
     kill(service->pid, SIGTERM);
     EXPECT_EQ(7, watch.wait());
-    EXPECT_EQ("talvoemctl: the service was lost after 2 notifications\n", watch.out(".err"));
+    EXPECT_EQ("talvoemctl: the service was lost after 3 notifications\n", watch.out(".err"));
+}
+
+// A watcher that registers and never reads again fills its socket after a few hundred
+// notifications; reloads and queries go on regardless, and once it reads it hears of changes.
+TEST(TalvoemdTest, AWatcherThatStopsReadingHoldsUpNoReloadAndNoQuery) {
+    auto service = startService(kPolicy);
+    const int frozen = registerRaw();
+    ASSERT_GE(frozen, 0);
+    const std::vector<Operate> last = {{"edit-500", {}}};
+    for (size_t i = 1; i <= 500; ++i) {
+        edit(doc({{"edit-" + std::to_string(i), {}}}));
+        ASSERT_TRUE(
+            waitUntil([&] { return countOf(service->out(".err"), "policy reloaded") == i; }, kLong))
+            << "edit " << i;
+    }
+    EXPECT_EQ(answer(last), roundTrip(queryText(0, "")));
+    while (recvRaw(frozen, std::chrono::seconds(2)).status == Packet::kData) {
+    }
+    edit(doc(kPolicy));
+    EXPECT_EQ("{\"cmd\":1,\"type\":1}\n", recvRaw(frozen, kLong).bytes);
+    closeRaw(frozen);
 }
 
 TEST(TalvoemdTest, AnswersLongerThanTheReceiveLimitGetCode3AndOthersArriveWhole) {
@@ -182,34 +235,94 @@ TEST(TalvoemdTest, AnswersLongerThanTheReceiveLimitGetCode3AndOthersArriveWhole)
     EXPECT_EQ(1000u * (1 + 1 + 8), countOf(tree.out(), "\n"));
 }
 
-TEST(CtlTest, GivesEachFailureItsOwnExitStatus) {
+// A listening socket that never accepts: connections wait in its backlog.
+bool connectionWaiting(int listener) {
+    pollfd pending = {listener, POLLIN, 0};
+    return poll(&pending, 1, 0) == 1;
+}
+
+TEST(CtlTest, GivesEachFailureItsOwnExitStatusAndEndsAtEachDeadlineAndSignal) {
     const size_t frame = envelopeText(0, "").size();
     const std::string whole = envelopeText(0, std::string(kReceiveLimit - frame, 'x'));
     const std::string cut = envelopeText(0, std::string(kReceiveLimit - frame + 1, 'x'));
-    // The service's answer (null: no service at all; "refuse": it refuses channels), talvoemctl's
-    // arguments, exit status, stdout and stderr.
-    const std::tuple<const char*, std::string, int, std::string, std::string> rows[] = {
-        {nullptr, "query", 3, "", "talvoemctl: no service is listening on /dev/socket/talvoem\n"},
-        {nullptr, "watch", 3, "", "talvoemctl: no service is listening on /dev/socket/talvoem\n"},
-        {"", "query", 4, "", "talvoemctl: the service closed the connection without an answer\n"},
-        {whole.c_str(), "query --json", 0, whole, ""},
-        {cut.c_str(), "query", 5, "",
-         "talvoemctl: the answer was cut at 524288 of its 524289 bytes\n"},
-        {"not json", "query", 6, "", "talvoemctl: the answer (8 bytes) is not an envelope\n"},
-        {"refuse", "watch", 1, "", "talvoemctl: the service refused the channel (code -1)\n"},
-        {"", "watch --count 1 --timeout 1", 8, "watching for policy changes\n",
+    const std::string noService = "talvoemctl: no service is listening on /dev/socket/talvoem\n";
+    // The service's answer (null: no service at all; "refuse": it refuses channels; "silent": it
+    // never accepts), talvoemctl's arguments, the signal sent once it waits (on the service, or
+    // with a line out), exit status, stdout and stderr.
+    const std::tuple<const char*, std::string, int, int, std::string, std::string> rows[] = {
+        {nullptr, "query", 0, 3, "", noService},
+        {nullptr, "watch", 0, 3, "", noService},
+        {"", "query", 0, 4, "",
+         "talvoemctl: the service closed the connection without an answer\n"},
+        {whole.c_str(), "query --json", 0, 0, whole, ""},
+        {cut.c_str(), "query", 0, 5, "",
+         "talvoemctl: the answer was longer than 524288 bytes and arrived cut\n"},
+        {"not json", "query", 0, 6, "", "talvoemctl: the answer (8 bytes) is not an envelope\n"},
+        {"{\"code\":7,\"msg\":\"no\"}", "query --json", 0, 1, "{\"code\":7,\"msg\":\"no\"}\n",
+         "talvoemctl: the service answered code 7: no\n"},
+        {"refuse", "watch", 0, 1, "",
+         "talvoemctl: the service refused the channel (code -1): the service already serves a "
+         "watcher, one at a time, or refused it\n"},
+        {"", "watch --count 1 --timeout 1", 0, 8, "watching for policy changes\n",
          "talvoemctl: timed out after 0 of 1 notifications\n"},
+        {"", "watch", SIGINT, 0, "watching for policy changes\n", ""},
+        {"silent", "query --timeout 1", 0, 8, "", "talvoemctl: no answer within 1 s\n"},
+        {"silent", "query", SIGINT, 130, "", ""},
+        {"silent", "watch", 0, 8, "",
+         "talvoemctl: the service did not answer the channel request within 5 s\n"},
+        {"silent", "watch --count 2", SIGTERM, 143, "", ""},
+        {nullptr, "watch --count 0", 0, 2, "",
+         "talvoemctl: --count takes a positive number; see talvoemctl watch --help\n"},
+        {nullptr, "query --op", 0, 2, "",
+         "talvoemctl: --op needs a value; see talvoemctl query --help\n"},
+        {nullptr, "frob", 0, 2, "", "talvoemctl: unknown command frob; see talvoemctl --help\n"},
+        {nullptr, "--version", 0, 0, "talvoemctl " TALVOEM_VERSION "\n", ""},
     };
-    for (const auto& [reply, args, status, out, err] : rows) {
+    for (const auto& [reply, args, signal, status, out, err] : rows) {
+        const std::string mode = reply != nullptr ? reply : "";
         auto& service = immortal<TestService>(&immortal<ForwardingFactory>());
-        service.answer = reply != nullptr ? reply : "";
-        service.refuseCallback = service.answer == "refuse";
-        auto runner = reply ? std::make_unique<ServiceRunner>(service) : nullptr;
+        service.answer = mode;
+        service.refuseCallback = mode == "refuse";
+        auto runner =
+            reply && mode != "silent" ? std::make_unique<ServiceRunner>(service) : nullptr;
+        const int silent = mode == "silent" ? bindPath() : -1;
+        ASSERT_TRUE(silent < 0 || listen(silent, 4) == 0);
         Child ran(kCtl + " " + args);
-        EXPECT_EQ(status, ran.wait()) << err;
-        EXPECT_TRUE(ran.out() == out) << ran.out().size() << " bytes out for " << err;
-        EXPECT_EQ(err, ran.out(".err"));
+        if (signal != 0) {
+            ASSERT_TRUE(waitUntil(
+                [&] { return !ran.out().empty() || (silent >= 0 && connectionWaiting(silent)); },
+                kLong));
+            kill(ran.pid, signal);
+        }
+        EXPECT_EQ(status, ran.wait()) << args;
+        EXPECT_TRUE(ran.out() == out) << ran.out().size() << " bytes out for " << args;
+        EXPECT_EQ(err, ran.out(".err")) << args;
+        if (silent >= 0) {
+            close(silent);
+        }
     }
+}
+
+// The service answers the dispose with a burst of notifications before its exit message: the
+// watch prints exactly its N and ends cleanly (a sanitizer's report would show on stderr).
+TEST(CtlTest, WatchPrintsExactlyItsCountThoughABurstComesDuringTheDispose) {
+    const int listener = bindPath(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    ASSERT_EQ(0, listen(listener, 1));
+    Child watch(kCtl + " watch --count 1");
+    int fd = -1;
+    ASSERT_TRUE(waitUntil([&] { return (fd = accept(listener, nullptr, nullptr)) >= 0; }, kLong));
+    EXPECT_EQ(kRegister, recvRaw(fd).bytes);
+    ASSERT_TRUE(sendRaw(fd, kSuccess) && sendRaw(fd, notifyText(1, "")));
+    EXPECT_EQ(kDispose, recvRaw(fd, kLong).bytes);
+    // Sent as fast as the watch takes them; it may end before all are sent.
+    for (int i = 0; i < 2000 && sendRaw(fd, notifyText(1, "")); ++i) {
+    }
+    sendRaw(fd, kExit);
+    EXPECT_EQ(0, watch.wait());
+    EXPECT_EQ(1u, countOf(watch.out(), "policy changed")) << watch.out().size() << " bytes out";
+    EXPECT_EQ("", watch.out(".err"));
+    close(fd);
+    close(listener);
 }
 
 }  // namespace
