@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <sys/socket.h>
 
+#include <new>
+
 namespace talvoem::server {
 
 CallerCredentials readPeerCredentials(int fd) {
@@ -17,7 +19,7 @@ CallerCredentials readPeerCredentials(int fd) {
     return caller;
 }
 
-std::string readSecurityContext(int fd) {
+std::string readSecurityContext(int fd) try {
     // Contexts are short; a longer one is read again at the size the kernel
     // asked for (ERANGE sets `len` to it).
     std::string context(256, '\0');
@@ -35,6 +37,8 @@ std::string readSecurityContext(int fd) {
         context.pop_back();
     }
     return context;
+} catch (const std::bad_alloc&) {  // on the listener, which throws nothing
+    return std::string();
 }
 
 }  // namespace talvoem::server
