@@ -3,7 +3,18 @@
 #include <errno.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <new>
+
+namespace {
+
+// Set once SO_PEERSEC has answered ENOPROTOOPT: no security module of this
+// kernel labels sockets, which does not change while it runs, so no later
+// connection pays a system call to learn it again. (SELinux labels every
+// Unix-domain socket; a host without it answers so for each one.)
+std::atomic<bool> gNoContexts{false};
+
+}  // namespace
 
 namespace talvoem::server {
 
@@ -20,6 +31,9 @@ CallerCredentials readPeerCredentials(int fd) {
 }
 
 std::string readSecurityContext(int fd) try {
+    if (gNoContexts.load(std::memory_order_relaxed)) {
+        return std::string();
+    }
     // Contexts are short; a longer one is read again at the size the kernel
     // asked for (ERANGE sets `len` to it).
     std::string context(256, '\0');
@@ -30,6 +44,9 @@ std::string readSecurityContext(int fd) try {
         result = getsockopt(fd, SOL_SOCKET, SO_PEERSEC, context.data(), &len);
     }
     if (result != 0) {
+        if (errno == ENOPROTOOPT) {
+            gNoContexts.store(true, std::memory_order_relaxed);
+        }
         return std::string();
     }
     context.resize(len);

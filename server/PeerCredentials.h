@@ -12,7 +12,8 @@ CallerCredentials readPeerCredentials(int fd);
 
 // The peer's SELinux context from SO_PEERSEC, without the kernel's trailing
 // NUL; empty where the kernel keeps none (ENOPROTOOPT without an LSM that
-// labels sockets) or on any other failure, memory included.
+// labels sockets, after which it is not asked again) or on any other
+// failure, memory included.
 std::string readSecurityContext(int fd);
 
 }  // namespace talvoem::server
