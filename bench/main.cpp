@@ -113,9 +113,13 @@ void runRepetition(int rep, const Plan& plan, test::TestService& library, Servin
         const std::string key = "query" + std::to_string(clients);
         for (int i = 0; i < 2; ++i) {
             if ((i == 0) == libFirst) {
-                query(samples, key + ".lib", libraryQuery, clients, plan);
-                serving.withRule(true);
-                query(samples, key + ".rule.lib", libraryQuery, clients, plan);
+                // With and without the rule, each on a fresh listener, which
+                // of the two goes first alternating too.
+                for (const bool rule : {!libFirst, libFirst}) {
+                    serving.withRule(rule);
+                    query(samples, key + (rule ? ".rule.lib" : ".lib"), libraryQuery, clients,
+                          plan);
+                }
                 serving.withRule(false);
             } else {
                 query(samples, key + ".floor", floorQuery, clients, plan);
