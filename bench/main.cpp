@@ -19,9 +19,11 @@
 #include <array>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "Bench.h"
+#include "TalvoemAdmission.h"
 #include "Wire.h"
 
 namespace talvoem::bench {
@@ -74,17 +76,51 @@ void notify(Samples& samples, const std::string& key, Channel kind, test::TestSe
     libraryFailures += !ok && kind == Channel::kLibrary ? 1 : 0;
 }
 
+// Who serves the library's socket: the library's service without an
+// admission rule, or, for the rows that measure one, a twin of it with a
+// rule: a predicate on the uid, and talvoemd's default cap of 32 connections
+// per uid. init() reads the rule as it starts, so the twin takes the socket
+// with a runner of its own for its rows.
+class Serving {
+public:
+    explicit Serving(test::TestService& plain) : plain_(plain), runner_(std::in_place, plain) {
+        ruled_.answer = plain.answer;
+        talvoem::setAdmissionRule(&ruled_, {[](const CallerCredentials& caller) {
+                                                return caller.uid == 0 || caller.uid == 1000;
+                                            },
+                                            32});
+    }
+    void withRule(bool rule) {
+        runner_.reset();
+        runner_.emplace(rule ? ruled_ : plain_);
+    }
+
+private:
+    test::TestService& plain_;
+    test::TestService& ruled_ =
+        test::immortal<test::TestService>(&test::immortal<test::ForwardingFactory>());
+    std::optional<test::ServiceRunner> runner_;
+};
+
 // One repetition of every row and floor. Within a pair, which one goes
 // first alternates from one repetition to the next, so drift over the run
 // is shared fairly.
-void runRepetition(int rep, const Plan& plan, test::TestService& library, Samples& samples) {
+void runRepetition(int rep, const Plan& plan, test::TestService& library, Serving& serving,
+                   Samples& samples) {
     const bool libFirst = rep % 2 == 0;
     auto floorQuery = [] { return floor::query(false); };
     for (int clients : {1, 8}) {
         const std::string key = "query" + std::to_string(clients);
         for (int i = 0; i < 2; ++i) {
             if ((i == 0) == libFirst) {
-                query(samples, key + ".lib", libraryQuery, clients, plan);
+                // With and without the rule, each on a fresh listener, which
+                // of the two goes first alternating too.
+                for (const bool rule : {!libFirst, libFirst}) {
+                    serving.withRule(rule);
+                    query(samples, key + (rule ? ".rule.lib" : ".lib"), libraryQuery, clients,
+                          plan);
+                }
+                serving.withRule(false);
             } else {
                 query(samples, key + ".floor", floorQuery, clients, plan);
             }
@@ -135,6 +171,10 @@ const Line kLines[] = {
     {"query, 8 clients", "ops/s", "query8.lib.ops", "query floor", "query8.floor.ops", ">= 0.83"},
     {"query, 8 clients", "p50 us", "query8.lib.p50", "query floor", "query8.floor.p50", "<= 1.20"},
     {"query, 8 clients", "p99 us", "query8.lib.p99", "query floor", "query8.floor.p99", ""},
+    {"query, 1 client, admission rule", "ops/s", "query1.rule.lib.ops", "no rule", "query1.lib.ops",
+     ">= 0.97"},
+    {"query, 8 clients, admission rule", "ops/s", "query8.rule.lib.ops", "no rule",
+     "query8.lib.ops", ">= 0.97"},
     {"notify, paced 1/ms", "p50 us", "paced.lib.p50", "channel floor", "paced.floor.p50",
      "<= 1.30"},
     {"notify, paced 1/ms", "p50 us", "paced.lib.p50", "bare push", "paced.bare.p50", ""},
@@ -330,7 +370,7 @@ int run(int argc, char** argv) {
     const std::string resources = measureResources(plan);
     auto& library = test::immortal<test::TestService>(&test::immortal<test::ForwardingFactory>());
     library.answer = queryAnswerText();
-    test::ServiceRunner runner(library);
+    Serving serving(library);
     if (!floor::start()) {
         fprintf(console, "talvoem-bench: the floor service did not start\n");
         return 1;
@@ -341,7 +381,7 @@ int run(int argc, char** argv) {
         warmUp, "floor", [] { return floor::query(false); }, 1, 0.2, 500);
     Samples samples;
     for (int rep = 0; rep < reps; ++rep) {
-        runRepetition(rep, plan, library, samples);
+        runRepetition(rep, plan, library, serving, samples);
     }
     printf("\n");
     printTable(samples);

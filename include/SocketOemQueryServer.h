@@ -39,9 +39,12 @@ public:
     // forever, one detached thread per connection. An accept that fails for
     // want of descriptors or memory (EMFILE, ENFILE, ENOBUFS, ENOMEM) is
     // retried after a pause of 5 ms growing to 100 ms; a connection that no
-    // thread can be made for is closed unanswered. Returns -1 only, when the
-    // socket is missing, listen fails or accept fails for any other reason
-    // (the socket is closed then). Throws nothing.
+    // thread can be made for is closed unanswered. Each connection's caller is
+    // read at accept (TalvoemConnection.h); an admission rule installed before
+    // init() (TalvoemAdmission.h) closes a refused one before it gets a
+    // thread. Returns -1 only, when the socket is missing, listen fails or
+    // accept fails for any other reason (the socket is closed then). Throws
+    // nothing.
     int8_t init();
 
     // Body of a connection thread: one request, one optional response, close.

@@ -10,12 +10,19 @@ void ExhaustionEpisode::failed(const char* reason) {
     if (failures_++ > 0) {
         return;
     }
-    if (resource_ == Resource::kAccept) {
-        TALVOEM_LOGE("Server cannot accept connections, error - %s; retrying with back-off",
-                     reason);
-    } else {
-        TALVOEM_LOGE("Server cannot start connection threads, error - %s; closing new connections",
-                     reason);
+    switch (resource_) {
+        case Resource::kAccept:
+            TALVOEM_LOGE("Server cannot accept connections, error - %s; retrying with back-off",
+                         reason);
+            break;
+        case Resource::kConnectionThread:
+            TALVOEM_LOGE(
+                "Server cannot start connection threads, error - %s; closing new connections",
+                reason);
+            break;
+        case Resource::kAdmission:
+            TALVOEM_LOGW("Server refuses connections: %s; closing refused connections", reason);
+            break;
     }
 }
 
@@ -23,11 +30,18 @@ void ExhaustionEpisode::succeeded() {
     if (failures_ == 0) {
         return;
     }
-    if (resource_ == Resource::kAccept) {
-        TALVOEM_LOGI("Server accepts connections again after %d failed accepts", failures_);
-    } else {
-        TALVOEM_LOGI("Server starts connection threads again after closing %d connections",
-                     failures_);
+    switch (resource_) {
+        case Resource::kAccept:
+            TALVOEM_LOGI("Server accepts connections again after %d failed accepts", failures_);
+            break;
+        case Resource::kConnectionThread:
+            TALVOEM_LOGI("Server starts connection threads again after closing %d connections",
+                         failures_);
+            break;
+        case Resource::kAdmission:
+            TALVOEM_LOGI("Server admits connections again after refusing %d connections",
+                         failures_);
+            break;
     }
     failures_ = 0;
 }

@@ -11,11 +11,18 @@
 #include <thread>
 
 #include "SocketTransport.h"
+#include "server/AdmissionGate.h"
+#include "server/AdmissionRegistry.h"
+#include "server/ConnectionScope.h"
 #include "server/ExhaustionEpisode.h"
+#include "server/PeerCredentials.h"
 #include "talvoem/Log.h"
 #include "talvoem/UniqueFd.h"
 
+using talvoem::server::AcceptedConnection;
+using talvoem::server::AdmissionGate;
 using talvoem::server::ExhaustionEpisode;
+using talvoem::server::UidPlace;
 
 namespace {
 
@@ -48,14 +55,45 @@ int acceptConnection(int listener, ExhaustionEpisode& episode) {
     }
 }
 
+// The next connection the admission gate lets in, with its caller read at
+// accept and its place in the per-uid count. A refused connection is closed
+// at once and the listener accepts again without a line of its own: the
+// gate logs refusals by episode. -1 as acceptConnection.
+int admitConnection(int listener, ExhaustionEpisode& noDescriptors, AdmissionGate& gate,
+                    AcceptedConnection& accepted, UidPlace& place) {
+    for (;;) {
+        talvoem::UniqueFd connection(acceptConnection(listener, noDescriptors));
+        if (connection.get() < 0) {
+            return -1;
+        }
+        accepted.fd = connection.get();
+        accepted.caller = talvoem::server::readPeerCredentials(connection.get());
+        // The rule may judge the context; without one it waits until the
+        // service asks for it, so a connection costs one getsockopt.
+        accepted.contextRead = gate.active();
+        if (accepted.contextRead) {
+            accepted.caller.securityContext =
+                talvoem::server::readSecurityContext(connection.get());
+        }
+        if (gate.admit(accepted.caller, place)) {
+            return connection.release();
+        }
+    }
+}
+
 // Hands `connection` to a detached thread of its own, which owns it from then
-// on. When no thread can be made the connection is closed unanswered and the
-// listener goes on: that costs one client, not the service.
+// on, with its caller and its place in the per-uid count, given back when the
+// thread has closed it. When no thread can be made the connection is closed
+// unanswered (its place given back) and the listener goes on: that costs one
+// client, not the service.
 void startConnectionThread(SocketOemQueryServer* server, talvoem::UniqueFd& connection,
+                           AcceptedConnection& accepted, UidPlace& place,
                            ExhaustionEpisode& episode) {
     try {
-        std::thread([server, fd = connection.get()] {
-            SocketOemQueryServer::svcHandlerThread(server, fd);
+        std::thread([server, accepted = std::move(accepted), place = std::move(place)]() mutable {
+            talvoem::server::AcceptedScope scope(accepted);
+            SocketOemQueryServer::svcHandlerThread(server, accepted.fd);
+            place.giveBack();
         }).detach();
     } catch (const std::exception& e) {  // std::system_error, or std::bad_alloc for its state
         episode.failed(e.what());
@@ -71,7 +109,9 @@ void startConnectionThread(SocketOemQueryServer* server, talvoem::UniqueFd& conn
 SocketOemQueryServer::SocketOemQueryServer(IOemPolicyCBFactory* factory)
     : factory_(factory), channel_(nullptr) {}
 
-SocketOemQueryServer::~SocketOemQueryServer() = default;
+SocketOemQueryServer::~SocketOemQueryServer() {
+    talvoem::server::forgetAdmissionRule(this);
+}
 
 int8_t SocketOemQueryServer::init() {
     // Owned from here on: every way out of the listener closes it.
@@ -87,15 +127,19 @@ int8_t SocketOemQueryServer::init() {
     }
     ExhaustionEpisode noDescriptors(ExhaustionEpisode::Resource::kAccept);
     ExhaustionEpisode noThreads(ExhaustionEpisode::Resource::kConnectionThread);
+    AdmissionGate gate(talvoem::server::admissionRuleFor(this));
     for (;;) {
         TALVOEM_LOGI("Server waiting for client");
-        talvoem::UniqueFd connection(acceptConnection(listener.get(), noDescriptors));
+        AcceptedConnection accepted;
+        UidPlace place;
+        talvoem::UniqueFd connection(
+            admitConnection(listener.get(), noDescriptors, gate, accepted, place));
         if (connection.get() < 0) {
             TALVOEM_LOGE("Server failed to accept packet over socket");
             return -1;
         }
         TALVOEM_LOGI("Server Connected to Client");
-        startConnectionThread(this, connection, noThreads);
+        startConnectionThread(this, connection, accepted, place, noThreads);
     }
 }
 

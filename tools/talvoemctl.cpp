@@ -21,10 +21,12 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
 
+#include "CallerProtocol.h"
 #include "OemJsonUtils.h"
 #include "SocketOemQueryClient.h"
 #include "TalvoemPolicyQuery.h"
@@ -63,8 +65,10 @@ const char* const kQueryHelp =
     "Asks the service for its policy document and prints it as a tree. With a selector\n"
     "(--op, --subsys, --func; an omitted level matches everything) only the matching part\n"
     "is printed. --json prints the service's raw answer. --timeout bounds the whole query\n"
-    "(default 5 s). --verbose shows the library's log lines.\n"
-    "Exit status: 0 printed; 1 the service answered a code other than 0; 2 bad usage;\n"
+    "(default 5 s). --verbose shows the library's log lines and, first, which uid the\n"
+    "service sees (talvoemd's query type 65535).\n"
+    "Exit status: 0 printed; 1 the service answered a code other than 0 (\"permission\n"
+    "denied\": it does not answer this uid); 2 bad usage;\n"
     "3 no service listening; 4 the service closed the connection without an answer;\n"
     "5 the answer was longer than 524288 bytes and arrived cut; 6 the answer was not an\n"
     "envelope or held no policy document; 8 no answer before the timeout; 9 the query\n"
@@ -73,9 +77,11 @@ const char* const kWatchHelp =
     "usage: talvoemctl watch [--count N] [--timeout SECONDS] [--verbose]\n"
     "Opens a policy-callback channel and prints one timestamped line per notification\n"
     "until N notifications, the timeout, SIGINT (Ctrl-C) or SIGTERM. The service must\n"
-    "answer the channel request within 5 s. --verbose shows the library's log lines.\n"
+    "answer the channel request within 5 s. --verbose shows the library's log lines\n"
+    "and, first, which uid the service sees.\n"
     "Exit status: 0 N notifications came, or the timeout or a signal ended a watch\n"
-    "without --count; 1 the service refused the channel; 2 bad usage; 3 no service\n"
+    "without --count; 1 the service refused the channel (\"permission denied\": it lets\n"
+    "no channel open from this uid); 2 bad usage; 3 no service\n"
     "listening; 4 the service closed the connection without an answer; 6 the answer was\n"
     "not an envelope; 7 the service was lost; 8 the channel request was not answered in\n"
     "5 s, or the timeout came before N notifications; 9 the channel could not start\n"
@@ -162,6 +168,55 @@ void printTree(const std::vector<OemJsonUtils::QueryPolicy::Operate>& ops) {
     }
 }
 
+// What talvoemd says it sees of this process (CallerProtocol.h).
+struct Seen {
+    bool told = false;  // false: no answer, or not one of talvoemd's
+    unsigned uid = 0;
+    unsigned gid = 0;
+    long pid = 0;
+    bool query = false;
+    bool watch = false;
+};
+
+Seen askWhoAmI() {
+    constexpr std::chrono::seconds kWait{2};
+    Seen seen;
+    const talvoem::QueryAnswer answer = talvoem::queryService(kTypeWhoAmI, "", kWait);
+    if (answer.result != QueryResult::kAnswered || answer.envelope.code != 0) {
+        return seen;
+    }
+    Json::Value data;
+    std::istringstream text(answer.envelope.data);
+    std::string errors;
+    try {
+        if (Json::parseFromStream(Json::CharReaderBuilder(), text, &data, &errors) &&
+            data.isObject() && data.isMember("uid")) {
+            seen = {true,
+                    data["uid"].asUInt(),
+                    data["gid"].asUInt(),
+                    data["pid"].asInt64(),
+                    data["query"].asBool(),
+                    data["watch"].asBool()};
+        }
+    } catch (const Json::Exception&) {  // a member of another type: not talvoemd's answer
+    }
+    return seen;
+}
+
+// --verbose: which uid the service sees, before the command goes on.
+void tellWhoAmI() {
+    const Seen seen = askWhoAmI();
+    if (!seen.told) {
+        fprintf(stderr, "talvoemctl: the service did not say which uid it sees\n");
+        return;
+    }
+    fprintf(stderr,
+            "talvoemctl: the service sees uid %u (gid %u, pid %ld); it %s this uid's queries "
+            "and %s it open the channel\n",
+            seen.uid, seen.gid, seen.pid, seen.query ? "answers" : "does not answer",
+            seen.watch ? "lets" : "does not let");
+}
+
 // Tells why a query brought no envelope; its exit status.
 int queryFailure(const talvoem::QueryAnswer& answer, long seconds) {
     switch (answer.result) {
@@ -206,6 +261,9 @@ int query(const Options& options) {
     }
     // Nothing to undo: an interrupted query just ends.
     takeSignals([](int signal) { _exit(kSignalBase + signal); });
+    if (options.count("verbose")) {
+        tellWhoAmI();
+    }
     const talvoem::QueryAnswer answer =
         talvoem::queryService(static_cast<uint16_t>(type), data, std::chrono::seconds(seconds));
     if (answer.result != QueryResult::kAnswered) {
@@ -213,6 +271,12 @@ int query(const Options& options) {
     }
     if (options.count("json")) {
         printLine(answer.text);
+    }
+    if (answer.envelope.code == kCodePermissionDenied && answer.envelope.msg == kPermissionDenied) {
+        fprintf(stderr,
+                "talvoemctl: permission denied: the service answers no queries from uid %u\n",
+                getuid());
+        return kRefused;
     }
     if (answer.envelope.code != 0) {
         fprintf(stderr, "talvoemctl: the service answered code %d: %s\n", answer.envelope.code,
@@ -315,6 +379,14 @@ int channelFailure(int code) {
             fprintf(stderr, "talvoemctl: the channel's receive thread could not start\n");
             return kLocalFailure;
         case talvoem::protocol::kCodeFailed:
+            // talvoemd refuses by uid as it refuses a second watcher: ask it which.
+            if (const Seen seen = askWhoAmI(); seen.told && !seen.watch) {
+                fprintf(stderr,
+                        "talvoemctl: permission denied: the service lets no channel open from "
+                        "uid %u\n",
+                        seen.uid);
+                return kRefused;
+            }
             fprintf(stderr,
                     "talvoemctl: the service refused the channel (code -1): the service already "
                     "serves a watcher, one at a time, or refused it\n");
@@ -390,7 +462,9 @@ int runWatch(Watch& w, long seconds) {
         return kTimedOut;
     }
     if (w.opened != 0) {
-        return channelFailure(w.opened);
+        const int opened = w.opened;
+        lock.unlock();  // telling why may take a query: signals are still taken meanwhile
+        return channelFailure(opened);
     }
     printf("watching for policy changes\n");
     fflush(stdout);
@@ -417,6 +491,9 @@ int watch(const Options& options) {
     signal(SIGPIPE, SIG_IGN);
     Watch& w = *new Watch(wanted);  // never deleted (see Watch)
     takeSignals([&w](int signal) { w.interrupt(signal); });
+    if (options.count("verbose")) {
+        tellWhoAmI();
+    }
     const int status = runWatch(w, seconds);
     // Threads of the library may still run (a request never answered, a late
     // delivery): the process ends here, without running destructors under them.

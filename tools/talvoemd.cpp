@@ -1,6 +1,6 @@
 // talvoemd — the reference OEM Query Service.
 //
-//   talvoemd POLICY.json
+//   talvoemd [--query-uid LIST] [--watch-uid LIST] [--max-connections-per-uid N] POLICY.json
 //
 // Serves the policy document in POLICY.json on the control socket "talvoem"
 // (run it under init, or under talvoem-launcher on a host). Queries are
@@ -10,7 +10,10 @@
 // swapped and the live policy-callback channel is told (type 1) by a reporter
 // thread of its own. A change that does not read keeps the previous document,
 // and so does a file deleted or renamed away. An answer longer than the
-// connection can carry is replaced by an envelope with code 3.
+// connection can carry is replaced by an envelope with code 3. Callers are
+// told apart by uid (CallerAccess.h): queries and the channel are served to
+// the uids the command line lists, and the library's admission rule caps the
+// connections one uid holds open.
 #include <android/log.h>
 #include <limits.h>
 #include <pthread.h>
@@ -30,10 +33,13 @@
 #include <thread>
 #include <vector>
 
+#include "CallerAccess.h"
+#include "CallerProtocol.h"
 #include "OemJsonUtils.h"
 #include "PolicyFile.h"
 #include "PolicySelection.h"
 #include "SocketOemQueryServer.h"
+#include "TalvoemAdmission.h"
 #include "TalvoemConnection.h"
 #include "TalvoemProtocol.h"
 #include "Version.h"
@@ -150,16 +156,37 @@ public:
     }
 };
 
+// Who may query and who may watch, from the command line.
+struct Access {
+    UidList query;
+    UidList watch;
+};
+
 // Threads: queries arrive on many connection threads and read the snapshot
 // without a lock (atomic shared_ptr); the reload thread swaps it, and only it
 // does. Changes reach the channel through the reporter, never from here.
 class PolicyService : public SocketOemQueryServer {
 public:
     PolicyService(IOemPolicyCBFactory* factory, std::shared_ptr<const Snapshot> snapshot,
-                  ChangeReporter& reporter)
-        : SocketOemQueryServer(factory), snapshot_(std::move(snapshot)), reporter_(reporter) {}
+                  ChangeReporter& reporter, Access access)
+        : SocketOemQueryServer(factory),
+          snapshot_(std::move(snapshot)),
+          reporter_(reporter),
+          access_(std::move(access)) {}
 
-    int8_t queryPolicy(uint16_t, const std::string& data, std::string* result) override {
+    int8_t queryPolicy(uint16_t type, const std::string& data, std::string* result) override {
+        talvoem::CallerCredentials caller;
+        const bool known = talvoem::currentCaller(&caller);
+        if (type == kTypeWhoAmI) {
+            *result = whoAmI(caller, known);
+            return 0;
+        }
+        if (!access_.query.allows(known, caller.uid)) {
+            queryRefusals_.refused(caller.uid);
+            *result = envelope(kCodePermissionDenied, kPermissionDenied);
+            return 0;
+        }
+        queryRefusals_.granted();
         std::shared_ptr<const Snapshot> snapshot = std::atomic_load(&snapshot_);
         OemJsonUtils::QueryPolicy::Data selector;
         if (!data.empty() && OemJsonUtils::QueryPolicy::fromJson(data, selector) != 0) {
@@ -188,7 +215,18 @@ public:
         return 0;
     }
 
+    // A refusal (non-zero) is answered by the library as any refused
+    // registration is; withdrawing the channel (nullptr) is never refused.
     int8_t setPolicyCallback(IOemPolicyCB* cb) override {
+        if (cb != nullptr) {
+            talvoem::CallerCredentials caller;
+            const bool known = talvoem::currentCaller(&caller);
+            if (!access_.watch.allows(known, caller.uid)) {
+                channelRefusals_.refused(caller.uid);
+                return 1;
+            }
+            channelRefusals_.granted();
+        }
         reporter_.setChannel(cb);
         return 0;
     }
@@ -205,8 +243,24 @@ public:
     }
 
 private:
+    // The answer to kTypeWhoAmI (CallerProtocol.h).
+    std::string whoAmI(const talvoem::CallerCredentials& caller, bool known) const {
+        Json::Value seen(Json::objectValue);
+        seen["uid"] = caller.uid;
+        seen["gid"] = caller.gid;
+        seen["pid"] = caller.pid;
+        seen["query"] = access_.query.allows(known, caller.uid);
+        seen["watch"] = access_.watch.allows(known, caller.uid);
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        return envelope(0, "success", Json::writeString(writer, seen));
+    }
+
     std::shared_ptr<const Snapshot> snapshot_;
     ChangeReporter& reporter_;
+    const Access access_;
+    RefusalEpisode queryRefusals_{RefusalEpisode::Kind::kQuery};
+    RefusalEpisode channelRefusals_{RefusalEpisode::Kind::kChannel};
 };
 
 // Watches the folder that holds the policy file rather than the file itself:
@@ -309,31 +363,91 @@ void followPolicy(FolderWatch watch, const std::string& path, PolicyService& ser
 }
 
 const char* const kHelp =
-    "usage: talvoemd POLICY.json\n"
+    "usage: talvoemd [--query-uid LIST] [--watch-uid LIST] [--max-connections-per-uid N]\n"
+    "                POLICY.json\n"
     "       talvoemd --help | --version\n"
     "Serves the policy document in POLICY.json on /dev/socket/talvoem (control\n"
     "socket \"talvoem\", handed over by init or talvoem-launcher) and notifies the\n"
     "policy-callback channel when the file changes. The file is refused above\n"
     "4194304 bytes, with bytes after the document, or with a name twice at one level.\n"
+    "  --query-uid LIST   answer queries only from these uids (comma-separated\n"
+    "                     numbers); others get code 13, \"permission denied\".\n"
+    "                     Default: every uid.\n"
+    "  --watch-uid LIST   let only these uids open the policy-callback channel;\n"
+    "                     others are refused as any refused channel is (code -1).\n"
+    "                     Default: root and talvoemd's own uid.\n"
+    "  --max-connections-per-uid N\n"
+    "                     close at once, unanswered, a connection that would give\n"
+    "                     one uid more than N open (channels included); 0: no cap.\n"
+    "                     Default: 32.\n"
+    "Refusals are logged with the uid, once until something is granted again. A query\n"
+    "of type 65535 is answered to every uid with the uid, gid and pid talvoemd sees\n"
+    "and whether it may query and watch (talvoemctl --verbose shows it).\n"
     "Exit status: 0 stopped by SIGINT or SIGTERM; 1 the policy file did not load,\n"
     "no control socket was handed over, or the listener failed; 2 bad usage.\n";
 
+constexpr size_t kDefaultConnectionsPerUid = 32;
+constexpr long kMostConnectionsPerUid = 1000000;
+
+// What the command line asks for.
+struct Settings {
+    std::string path;
+    Access access;
+    size_t connectionsPerUid = kDefaultConnectionsPerUid;
+};
+
+int usageError(const std::string& why) {
+    fprintf(stderr, "talvoemd: %s; see talvoemd --help\n", why.c_str());
+    return 2;
+}
+
+// Reads the value of option `name` into `settings`; false when it is not one.
+bool readOption(const std::string& name, const std::string& value, Settings& settings) {
+    if (name == "--max-connections-per-uid") {
+        char* end = nullptr;
+        const long n = strtol(value.c_str(), &end, 10);
+        settings.connectionsPerUid = static_cast<size_t>(n);
+        return !value.empty() && *end == '\0' && n >= 0 && n <= kMostConnectionsPerUid;
+    }
+    return parseUidList(value,
+                        name == "--query-uid" ? settings.access.query : settings.access.watch);
+}
+
 // The command line's answer (help, version, a usage error), or -1 to run.
-int commandLine(int argc, char** argv) {
-    const std::string arg = argc > 1 ? argv[1] : "";
-    if (argc == 2 && (arg == "--help" || arg == "-h")) {
+int commandLine(int argc, char** argv, Settings& settings) {
+    const std::string first = argc > 1 ? argv[1] : "";
+    if (argc == 2 && (first == "--help" || first == "-h")) {
         fputs(kHelp, stdout);
         return 0;
     }
-    if (argc == 2 && arg == "--version") {
+    if (argc == 2 && first == "--version") {
         printf("talvoemd %s\n", kTalvoemVersion);
         return 0;
     }
-    if (argc != 2 || (arg.size() > 1 && arg[0] == '-')) {
-        fprintf(stderr, "talvoemd: %s; see talvoemd --help\n",
-                argc != 2 ? "expects one policy file" : ("unknown option " + arg).c_str());
-        return 2;
+    settings.access.watch = {false, {0, getuid()}};
+    std::vector<std::string> files;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--query-uid" || arg == "--watch-uid" || arg == "--max-connections-per-uid") {
+            if (i + 1 >= argc) {
+                return usageError(arg + " needs a value");
+            }
+            if (!readOption(arg, argv[++i], settings)) {
+                return usageError(arg == "--max-connections-per-uid"
+                                      ? arg + " takes a number from 0 to " +
+                                            std::to_string(kMostConnectionsPerUid)
+                                      : arg + " takes uids as comma-separated numbers");
+            }
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usageError("unknown option " + arg);
+        } else {
+            files.push_back(arg);
+        }
     }
+    if (files.size() != 1) {
+        return usageError("expects one policy file");
+    }
+    settings.path = files[0];
     return -1;
 }
 
@@ -353,10 +467,11 @@ bool haveControlSocket() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (int answered = commandLine(argc, argv); answered >= 0) {
+    Settings settings;
+    if (int answered = commandLine(argc, argv, settings); answered >= 0) {
         return answered;
     }
-    const std::string path = argv[1];
+    const std::string& path = settings.path;
     // Watching starts before the first load, so an edit between the two is
     // not missed.
     FolderWatch watch = watchFolderOf(path);
@@ -390,7 +505,8 @@ int main(int argc, char** argv) {
 
     static ChannelFactory factory;
     static ChangeReporter reporter;
-    static PolicyService service(&factory, snapshot, reporter);
+    static PolicyService service(&factory, snapshot, reporter, settings.access);
+    talvoem::setAdmissionRule(&service, {nullptr, settings.connectionsPerUid});
     std::thread([] { reporter.run(); }).detach();
     std::thread([] {
         int8_t status = service.init();

@@ -12,6 +12,7 @@
 #include "SocketOemQueryClient.h"
 #include "SocketOemQueryServer.h"
 #include "SocketTransport.h"
+#include "TalvoemAdmission.h"
 #include "TalvoemConnection.h"
 #include "TalvoemPolicyQuery.h"
 #include "TalvoemProtocol.h"
@@ -84,12 +85,15 @@ void classes(int fd) {
     Service service(nullptr);
     service.init(), service.onTransact(fd, text, text), service.handlePolicyCallback(fd, 1, text);
     service.observePolicyCallback(fd, nullptr);
+    talvoem::setAdmissionRule(&service,
+                              {[](const talvoem::CallerCredentials&) { return true; }, 8});
     SocketOemQueryServer::svcHandlerThread(&service, fd);
 }
 
 void calls() {
     const talvoem::QueryAnswer answer = talvoem::queryService(1, "", talvoem::kDefaultQueryTimeout);
-    talvoem::describe(answer.result), talvoem::currentSendLimit();
+    talvoem::CallerCredentials caller;
+    talvoem::describe(answer.result), talvoem::currentSendLimit(), talvoem::currentCaller(&caller);
 }
 
 }  // namespace

@@ -30,11 +30,6 @@ namespace {
 
 const std::string kQuery = "{\"api\":\"queryPolicy\",\"data\":\"abc\",\"type\":3}\n";
 
-#define REQUIRE_THREAD_FAULT()                                         \
-    if (!ThreadFault::available()) {                                   \
-        GTEST_SKIP() << "the sanitizer's runtime owns pthread_create"; \
-    }
-
 // The number in the first line logged that starts with `prefix`; -1 if none.
 int loggedCount(const LogCapture& log, const std::string& prefix) {
     for (const LogLine& line : log.lines()) {

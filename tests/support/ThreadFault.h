@@ -22,3 +22,9 @@ public:
 };
 
 }  // namespace talvoem::test
+
+// Skips the GoogleTest case that uses it where no fault can be set.
+#define REQUIRE_THREAD_FAULT()                                         \
+    if (!talvoem::test::ThreadFault::available()) {                    \
+        GTEST_SKIP() << "the sanitizer's runtime owns pthread_create"; \
+    }

@@ -1,6 +1,7 @@
 #include "Wire.h"
 
 #include <errno.h>
+#include <grp.h>
 #include <poll.h>
 #include <sched.h>
 #include <stdio.h>
@@ -9,6 +10,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -74,6 +76,30 @@ int connectRaw() {
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         close(fd);
         fd = -1;
+    }
+    return fd;
+}
+
+int connectAs(uid_t uid, pid_t* pid) {
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un addr = addressOf(kServicePath);
+    const pid_t child = fd < 0 ? -1 : fork();
+    if (child == 0) {
+        // The kernel records the connecting process's credentials on the
+        // connection: only system calls here, as after any fork of a
+        // threaded process.
+        const bool connected = setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 &&
+                               setresuid(uid, uid, uid) == 0 &&
+                               connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        _exit(connected ? 0 : 1);
+    }
+    int status = -1;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
+        close(fd);
+        return -1;
+    }
+    if (pid != nullptr) {
+        *pid = child;
     }
     return fd;
 }

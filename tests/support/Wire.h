@@ -38,6 +38,11 @@ int bindPath(int type = SOCK_SEQPACKET, const char* path = kServicePath);
 
 // Connects to the service path; -1 on failure.
 int connectRaw();
+// Connects to the service path from a child process running as `uid` (gid
+// the same), so the service sees that caller; the connection is ours once
+// the child has exited. The socket must be open to `uid` (chmod 0666).
+// Needs root. -1 on failure; `pid` gets the child's pid.
+int connectAs(uid_t uid, pid_t* pid = nullptr);
 // Sends `bytes` exactly (NULs included) as one packet, never raising SIGPIPE.
 bool sendRaw(int fd, const std::string& bytes, int flags = 0);
 

@@ -132,6 +132,8 @@ TEST(TalvoemdTest, RefusesACommandLineOrAPolicyFileItCannotServe) {
          "line\n"},
         {"--version", nullptr, 0, "talvoemd " TALVOEM_VERSION "\n", ""},
         {"--verbose", nullptr, 2, "", "talvoemd: unknown option --verbose; see talvoemd --help\n"},
+        {"--query-uid 0,,2000", nullptr, 2, "",
+         "talvoemd: --query-uid takes uids as comma-separated numbers; see talvoemd --help\n"},
     };
     for (const auto& [arg, content, status, out, err] : rows) {
         std::remove(kPolicyFile.c_str());
@@ -255,6 +257,56 @@ TEST(TalvoemdTest, AnAnswerAboveWhatTheConnectionCanSendGetsCode3) {
                            "the selector."),
               whole.out());
 #endif
+}
+
+// On a socket open to all, an app uid is denied queries and the channel, said plainly by
+// talvoemctl, while root then takes the channel at once; past its cap the app's next connection
+// is closed while another uid is answered. Each kind of refusal is logged once, with the uid.
+TEST(TalvoemdTest, ServesQueriesAndTheChannelByUidAndCapsEachUidsConnections) {
+    edit(doc(kPolicy));
+    Child service(kLauncher + " --mode 0666 -- " + kService +
+                  " --query-uid 0,10001 --watch-uid 0 --max-connections-per-uid 2 " + kPolicyFile);
+    ASSERT_TRUE(waitUntil([] { return !roundTrip(queryText(0, "")).empty(); }, kLong));
+    auto ask = [](uid_t uid) {
+        const int fd = connectAs(uid);
+        std::string reply = sendRaw(fd, queryText(0, "")) ? recvRaw(fd).bytes : "";
+        close(fd);
+        return reply;
+    };
+    const std::string denied = envelopeText(13, "permission denied");
+    EXPECT_EQ(answer(kPolicy), ask(10001));
+    EXPECT_EQ(denied, ask(2000));
+    const std::string asApp = "setpriv --reuid 2000 --regid 2000 --clear-groups " + kCtl;
+    Child query(asApp + " query --verbose"), watch(asApp + " watch");
+    const std::string pid = std::to_string(query.pid);
+    EXPECT_EQ(1, query.wait());
+    EXPECT_EQ(1u, countOf(query.out(".err"),
+                          "talvoemctl: the service sees uid 2000 (gid 2000, pid " + pid +
+                              "); it does not answer this uid's "
+                              "queries and does not let it open the channel\n"));
+    EXPECT_EQ(1u, countOf(query.out(".err"),
+                          "talvoemctl: permission denied: the service answers no queries from "
+                          "uid 2000\n"));
+    EXPECT_EQ(1, watch.wait());
+    EXPECT_EQ("talvoemctl: permission denied: the service lets no channel open from uid 2000\n",
+              watch.out(".err"));
+    const int channel = registerRaw();
+    EXPECT_GE(channel, 0) << "root refused after the app";
+
+    const int held[] = {connectAs(2000), connectAs(2000)}, third = connectAs(2000);
+    EXPECT_EQ(Packet::kClosed, recvRaw(third).status);
+    EXPECT_EQ(answer(kPolicy), ask(10001));
+    for (int fd : {held[0], held[1], third, channel}) {
+        close(fd);
+    }
+    const std::string log = service.out(".err");
+    for (const char* line :
+         {"refused a query from uid 2000 (not in --query-uid)", "a query answered after 2 refused",
+          "refused the channel to uid 2000 (not in --watch-uid)",
+          "a channel opened after 1 refused",
+          "Server refuses connections: uid 2000 already holds 2 connections"}) {
+        EXPECT_EQ(1u, countOf(log, line)) << line << " in\n" << log;
+    }
 }
 
 // A listening socket that never accepts: connections wait in its backlog.
